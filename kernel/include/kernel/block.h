@@ -130,7 +130,8 @@ SEAM(void, bh_set_end_io, (struct buffer_head * bh, bh_end_io_t *function));
 /* Replaces the state bits by the sum of BH_STATE_... values. */
 SEAM(void, bh_set_state, (struct buffer_head * bh, unsigned long state));
 SEAM(void, bh_init_assoc_buffers, (struct buffer_head * bh));
-/* The reference count: store, take one, drop one. */
+/* The reference count: read, store, take one, drop one. */
+SEAM(int, bh_count, (struct buffer_head * bh));
 SEAM(void, bh_set_count, (struct buffer_head * bh, int count));
 SEAM(void, get_bh, (struct buffer_head * bh));
 SEAM(void, put_bh, (struct buffer_head * bh));

@@ -1,8 +1,12 @@
 /*
  * Disks, their partitions and I/O to them.
  *
- * A disk completes bios in interrupt context from a service task of its own, by default out of
- * order, after a random (seeded) latency.
+ * A disk transfers data and completes bios in interrupt context from a service task of its own, by
+ * default out of order, after a random (seeded) latency. Only overlapping writes keep the order in
+ * which they came, as the kernel's elevators keep it: a read may be served before an earlier write
+ * to the same sectors and after a later one, for as long as neither has completed.
+ *
+ * From a task, unless said otherwise; what waits, flushes or reads partitions may sleep.
  */
 #pragma once
 
@@ -39,13 +43,16 @@ class Disk
 public:
     // Attaches a disk of this many sectors. Partitions are read from an MBR, if sector 0 has one.
     static std::unique_ptr<Disk> attach(std::uint64_t sectors, const DiskOptions &options = {});
-    // No bio may be in flight, nothing mounted on it.
+    // No bio may be in flight, nothing mounted on it. From anywhere. Its queue lives on while
+    // somebody holds a reference; bios to it fail.
     virtual ~Disk() = default;
 
     virtual std::uint64_t sectors() const = 0;
     // Writes an MBR with these primary partitions (at most 4) and reads it again, holding bd_mutex.
-    virtual void partition(const std::vector<Partition> &partitions) = 0;
-    virtual void rereadPartitions() = 0;
+    // False: a partition is open, or the table could not be read; the old one is kept if one is
+    // open.
+    virtual bool partition(const std::vector<Partition> &partitions) = 0;
+    virtual bool rereadPartitions() = 0;
     virtual std::vector<Partition> partitions() const = 0;
     // Device number of a partition; 0 for the whole disk.
     virtual kernel_dev_t device(unsigned partition = 0) const = 0;
@@ -55,8 +62,10 @@ public:
     virtual void peek(std::uint64_t sector, void *data, std::size_t bytes) const = 0;
     virtual void poke(std::uint64_t sector, const void *data, std::size_t bytes) = 0;
 
-    // Bios to these sectors fail with -EIO until cleared. `reads`, `writes`: which.
-    virtual void failSectors(std::uint64_t first, std::uint64_t count, bool reads, bool writes) = 0;
+    // Bios to these sectors fail with `error` until cleared. `reads`, `writes`: which. A failed
+    // write changes nothing; a failed read leaves other bytes in its pages.
+    virtual void failSectors(std::uint64_t first, std::uint64_t count, bool reads, bool writes,
+                             int error = -KERNEL_EIO) = 0;
     virtual void clearFailures() = 0;
 
     // While held, bios that `filter` selects (all if empty) wait inside the disk.
@@ -89,6 +98,12 @@ int readDevice(struct block_device *device, std::uint64_t sector, void *data, st
 int writeDevice(struct block_device *device, std::uint64_t sector, const void *data,
                 std::size_t bytes, std::size_t bytesPerBio = 128 * 1024);
 
+// Writes whole sectors into the device's own dirty buffers, as write(2) to a block device does. The
+// last close, fsync_bdev, freeze_bdev, a new partition table and readDevice or writeDevice write
+// them to the disk.
+void writeBuffered(struct block_device *device, std::uint64_t sector, const void *data,
+                   std::size_t bytes);
+
 // One bio made by hand, for tests of ranges and flags. Submits, waits, returns its error. `rw` is
 // all of bi_rw; `sector` is relative to the device; `bytes` may be 0.
 struct BioSpec {
@@ -99,7 +114,8 @@ struct BioSpec {
     unsigned char *data = nullptr; // written from or read into, if given
 };
 int submitAndWait(const BioSpec &spec);
-// The same without waiting; `done` is called in interrupt context.
+// The same without waiting; `done` is called in interrupt context. The bio may be gone already when
+// this returns: its address is a name only.
 struct bio *submitAsync(const BioSpec &spec, std::function<void(int error)> done);
 
 } // namespace host

@@ -18,8 +18,8 @@ enum class Fault {
     copyFromUser,   // copy_from_user: nothing is copied
     copyToUser,     // copy_to_user and put_user: nothing is copied
     registerDevice, // register_chrdev
-    read,           // a disk's read completes with -EIO
-    write,          // a disk's write completes with -EIO and changes nothing
+    read,           // a read completes with -EIO; counted are those by bios of bio_alloc
+    write,          // a write, anybody's, completes with -EIO and changes nothing
     count
 };
 

@@ -13,20 +13,27 @@
 namespace host
 {
 
+class FreezeGate;
+
 // What a file system supplies. All are called in process context and may sleep.
 class FileSystem
 {
 public:
     virtual ~FileSystem() = default;
     virtual unsigned blockSize() const = 0;
+    // Called before mount: the gate that every modifying operation has to pass. It is valid until
+    // unmount returns.
+    virtual void useGate(FreezeGate &gate) { static_cast<void>(gate); }
     virtual bool mount(struct block_device *device) = 0;
-    // Writes out everything dirty and waits for it.
+    // Writes out what is dirty and waits for it. freeze_bdev closes the gate and then calls this:
+    // then nothing is dirty after it.
     virtual void sync() = 0;
-    // Nothing is dirty after it. freeze_bdev calls holdWriters, then this; thaw_bdev lets go.
+    // Nothing is dirty after it.
     virtual void unmount() = 0;
 };
 
-// The gate that every modifying operation of a file system passes: frozen means held.
+// The gate that every modifying operation of a file system passes: frozen means held. A task passes
+// it once at a time.
 class FreezeGate
 {
 public:
@@ -55,13 +62,16 @@ private:
 };
 
 // One mounted file system; unmounts when destroyed (bd_disk is gone then if nobody else has the
-// device open).
+// device open). That waits until nobody holds its super block or keeps it frozen. From a task, both
+// ends.
 class Mount
 {
 public:
     Mount(kernel_dev_t device, std::shared_ptr<FileSystem> fs);
     ~Mount();
     Mount(const Mount &) = delete;
+    // False: there is no such device, something is mounted on it already, or the file system
+    // refused.
     bool mounted() const;
     struct block_device *device() const;
     FileSystem &fileSystem();
@@ -69,6 +79,9 @@ public:
     // Runs with the file system frozen and flushed, after freeze_bdev has flushed it and before its
     // caller goes on: the instant of a snapshot, for models and manifests. {} to stop.
     void onFrozen(std::function<void()> hook);
+    // The next freeze_bdev that would freeze gives this error (a negated errno) as an error
+    // pointer and leaves the file system thawed.
+    void failNextFreeze(int error);
 
 private:
     struct Impl;
@@ -80,8 +93,10 @@ private:
 class SyntheticFs : public FileSystem
 {
 public:
+    // Throws std::invalid_argument unless the block size is a multiple of 512.
     static std::shared_ptr<SyntheticFs> create(unsigned blockSize, std::uint64_t blocks);
-    // Fills every block with generation 0, straight onto the device.
+    // Fills every block with generation 0, straight onto the device (open, not mounted). Mounting
+    // reads the generations back, and fails if a block is not one of this file system's.
     virtual void format(struct block_device *device) = 0;
     // Writes a new generation of `count` blocks from `first` into the dirty cache; held while
     // frozen. Returns the generation.
@@ -91,6 +106,8 @@ public:
     virtual std::uint64_t blocks() const = 0;
     // The generation that the file system holds for a block (dirty or not).
     virtual std::uint64_t generation(std::uint64_t block) const = 0;
+    // Bios of write-back that failed. Their blocks are clean then, and lost, as in the kernel.
+    virtual std::uint64_t writeErrors() const = 0;
     // The bytes that block `number` has in `generation`.
     static void render(std::uint64_t number, std::uint64_t generation, unsigned blockSize,
                        unsigned char *bytes);

@@ -27,7 +27,8 @@ int loadModule(const ModuleImage &image);
 int unloadModule();
 bool moduleLoaded();
 int moduleReferences();
-// try_module_get fails from here on, as in the middle of an unload.
+// The module's own try_module_get fails from here on, as in the middle of an unload that began
+// after a file was found to be openable.
 void setModuleGoing(bool going);
 
 } // namespace host

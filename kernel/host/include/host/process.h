@@ -13,8 +13,13 @@
 
 #include <host/task.h>
 
+struct page;
+
 namespace host
 {
+
+// Makes a character device node for processes to open; "/dev/zelmod" (120, 0) is there already.
+void makeDeviceNode(const std::string &path, unsigned major, unsigned minor);
 
 class Process
 {
@@ -42,8 +47,8 @@ public:
     std::uint32_t allocateBeforeHole(std::size_t bytes);
     static constexpr std::uint32_t badAddress = 0x10; // never valid
 
-    // System calls, by tasks of this process (spawn with TaskOptions::process, or
-    // setCurrentProcess). Each returns what the kernel gives a process: a negated errno on failure.
+    // System calls; the calling task is one of this process's meanwhile, if it is not already.
+    // Each returns what the kernel gives a process: a negated errno on failure.
     int open(const std::string &path); // "/dev/zelmod"; a descriptor
     int close(int fd);
     int duplicate(int fd); // the same open file
@@ -51,10 +56,13 @@ public:
     long write(int fd, std::uint32_t buffer, std::size_t count);
     unsigned poll(int fd);
     int ioctl(int fd, std::uint32_t command, std::uint32_t argument);
-    // On success the address is stored and 0 returned; else the device's result.
+    // On success the address is stored and 0 returned; else the device's result. A process whose
+    // memory is remote says in `address` where it will show the mapping.
     int mmap(int fd, std::size_t bytes, bool writable, bool shared, std::size_t pageOffset,
              std::uint32_t *address);
     int munmap(std::uint32_t address);
+    // Enlarges a mapping in place (mremap): -ENOMEM beyond 16 further pages.
+    int growMapping(std::uint32_t address, std::size_t bytes);
     // Touches the mapping's pages (faults those not yet present) as a load by the process would.
     // False: the process would have got a SIGBUS or SIGSEGV.
     bool touch(std::uint32_t address, std::size_t bytes);
