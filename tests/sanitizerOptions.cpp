@@ -1,0 +1,17 @@
+// How the sanitizers behave in the tests; each asks for its settings by calling its function.
+// In a build without it nobody does.
+
+extern "C" const char *__asan_default_options()
+{
+    return "detect_stack_use_after_return=1:strict_init_order=1";
+}
+
+extern "C" const char *__ubsan_default_options()
+{
+    return "print_stacktrace=1";
+}
+
+extern "C" const char *__tsan_default_options()
+{
+    return "halt_on_error=1";
+}
