@@ -1,0 +1,54 @@
+# Every target sets up what it needs first. `make help` lists them.
+
+SEEDS ?= 20000
+SECONDS ?= 60
+ARGUMENTS ?=
+
+.DEFAULT_GOAL := help
+.PHONY: help setup build check demo machine simulate bench fuzz format lint hook clean
+
+help: ## list the targets
+	@echo "make TARGET, where TARGET is one of:"
+	@sed -n 's/^\([a-z]*\):.*## /\1|/p' Makefile | awk -F'|' '{ printf "  %-10s %s\n", $$1, $$2 }'
+
+setup: ## install the packages and the C library that the build needs (root for packages)
+	@tools/setup.sh
+
+build: setup ## build the programs (zel, zelsend, zelmachine) into build/native
+	@tools/build.sh native programs
+
+check: setup ## build everything with warnings as errors and run all tests and checks
+	@tools/check.sh
+
+demo: build ## back up a live file system, restore every point and compare
+	@tools/demo.sh $(ARGUMENTS)
+
+machine: build ## start the demonstration machine and leave it running
+	@tools/machine.sh $(ARGUMENTS)
+
+simulate: setup ## run random simulations: make simulate SEEDS=N
+	@tools/build.sh i386 simulate
+	@build/i386/simulate --seeds $(SEEDS) $(ARGUMENTS)
+
+bench: setup ## measure what the module costs (release build)
+	@tools/build.sh release bench
+	@build/release/bench $(ARGUMENTS)
+
+fuzz: ## feed the stream reader with made-up input: make fuzz SECONDS=N
+	@tools/setup.sh clang
+	@tools/build.sh fuzz streamReaderFuzz
+	@mkdir -p build/fuzz/corpus
+	@cd build/fuzz && ./streamReaderFuzz corpus -max_total_time=$(SECONDS) $(ARGUMENTS)
+
+format: setup ## format all C and C++ sources in place
+	@tools/lint.sh --format
+
+lint: setup ## check format, layout rules and house rules
+	@tools/lint.sh
+
+hook: ## run the lint script before each commit in this clone
+	@ln -sfn ../../tools/lint.sh .git/hooks/pre-commit
+
+clean: ## remove what was built (keeps downloads and the machine's disk)
+	@rm -rf build/i386 build/tsan build/asan build/native build/release build/fuzz \
+		build/kernel-objects
