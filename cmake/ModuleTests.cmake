@@ -31,6 +31,12 @@ target_link_libraries(simulate PRIVATE simulation)
 if(NOT ZEL_BUILD STREQUAL tsan)
   zelGlob(simulationTests tests/simulation/*Test.cpp)
   zelTests(simulation_tests SOURCES ${simulationTests} LIBRARIES simulation LABEL slow TIMEOUT 900)
+  # The sanitizers make a run several times as long.
+  if(ZEL_BUILD STREQUAL asan)
+    target_compile_definitions(simulation_tests PRIVATE SEEDS_PER_TEST=20)
+  else()
+    target_compile_definitions(simulation_tests PRIVATE SEEDS_PER_TEST=250)
+  endif()
 endif()
 
 # Checks that are no test programs, once.

@@ -1,8 +1,8 @@
 /* What the module holds of the kernel's memory, and the rules of its allocations. */
 #include <host/memory.h>
 
+#include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cstring>
 
 #include <kernel/memory.h>
@@ -78,11 +78,14 @@ void takeOff(Account &held, HeldRecord &record)
 void hold(HeldRecord &record, HeldKind kind, std::size_t bytes, const void *site)
 {
     Account &held = account(kind);
-    const char *label = currentTaskImpl != nullptr ? currentTaskImpl->label : "no task";
+    static constexpr char nobody[taskLabelBytes] = "no task";
+    const char *label = currentTaskImpl != nullptr ? currentTaskImpl->label : nobody;
     HiddenScope scope(held.mutex);
     record.bytes = bytes;
     record.site = site;
-    std::strncpy(record.task, label, sizeof(record.task) - 1);
+    std::size_t length = std::min(std::strlen(label), sizeof(record.task) - 1);
+    std::memcpy(record.task, label, length);
+    record.task[length] = '\0';
     if (held.ends.next == nullptr)
         held.ends.next = held.ends.previous = &held.ends;
     record.next = &held.ends;

@@ -5,12 +5,7 @@
 namespace
 {
 
-// The sanitizers make a run several times as long.
-#ifdef __SANITIZE_ADDRESS__
-constexpr std::uint64_t seedsPerTest = 20;
-#else
-constexpr std::uint64_t seedsPerTest = 250;
-#endif
+constexpr std::uint64_t seedsPerTest = SEEDS_PER_TEST; // the build says
 
 // Split so that the tests of one run share the processors.
 class Simulation : public testing::TestWithParam<int>

@@ -58,6 +58,15 @@ bool inMap(const BlockMap &map, unsigned block)
     return (bytes[(block & 0x7fff) >> 3] >> (block & 7) & 1) != 0;
 }
 
+FreeBio::FreeBio(struct block_device *bdev, sector_t sector, unsigned size, unsigned long rw)
+    : bio_(bio_alloc(GFP_NOIO, 1))
+{
+    bio_set_bdev(bio_, bdev);
+    bio_set_sector(bio_, sector);
+    bio_set_size(bio_, size);
+    bio_set_rw(bio_, rw);
+}
+
 AsyncBio::AsyncBio(const host::BioSpec &spec)
 {
     host::submitAsync(spec, [state = state_](int error) {

@@ -43,6 +43,19 @@ private:
     unsigned blockSize_;
 };
 
+// A bio that is nowhere, for functions that only look at it.
+class FreeBio
+{
+public:
+    FreeBio(struct block_device *bdev, sector_t sector, unsigned size, unsigned long rw = WRITE);
+    ~FreeBio() { bio_put(bio_); }
+    FreeBio(const FreeBio &) = delete;
+    operator struct bio *() const { return bio_; }
+
+private:
+    struct bio *bio_;
+};
+
 // A bio under way. Copies name the same one.
 class AsyncBio
 {

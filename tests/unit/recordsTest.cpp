@@ -161,15 +161,14 @@ TEST(Records, CommandNumbersTellTheirRecordsSize)
     EXPECT_EQ(unsigned(ZEL_RESERVED), writes(16, 4));
 }
 
-#if __SIZEOF_POINTER__ == 4
-TEST(Records, CachedBlocksTakeTwelveBytes)
+TEST(Records, CachedBlocksTakeTwelveBytesWithThirtyTwoBitPointers)
 {
-    EXPECT_EQ(sizeof(CachePage), 12u);
-    EXPECT_FIELD(CachePage, next, 0, 4);
-    EXPECT_FIELD(CachePage, data, 4, 4);
-    EXPECT_FIELD(CachePage, blockNum, 8, 4);
+    constexpr size_t pointer = sizeof(void *);
+    EXPECT_EQ(sizeof(CachePage), pointer == 4 ? 12u : 24u);
+    EXPECT_FIELD(CachePage, next, 0, pointer);
+    EXPECT_FIELD(CachePage, data, pointer, pointer);
+    EXPECT_FIELD(CachePage, blockNum, 2 * pointer, 4);
 }
-#endif
 
 class RecordsExchanged : public test::ModuleTest
 {

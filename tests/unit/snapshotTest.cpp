@@ -599,13 +599,40 @@ TEST_F(Snapshots, ASessionClosedMeanwhileIsNotUsedAfterItsEnd)
                 // Until it has taken the session out of the table.
                 ASSERT_TRUE(eventually([&] { return backup.session() == nullptr; }));
             });
+            auto before = backup.block(3);
             EXPECT_EQ(backup.snap(key), 0);
             backup.disk.mount().onFrozen({});
             closer.join();
             EXPECT_EQ(stateOf(backup), unsigned{BACKUP_SNAPPED});
             EXPECT_EQ(atomic_read(&curAllocAMPages), 0);
+            // The snapshot is kept all the same.
+            EXPECT_EQ(functionOf(backup.disk.disk().queue()), zelMRF);
+            EXPECT_EQ(backup.write(3, 1, 0x33), 0);
+            std::vector<char> kept(4096);
+            ASSERT_EQ(cacheRead(backup.b(), kept.data(), 3), 4096u);
+            EXPECT_EQ(std::memcmp(kept.data(), before.data(), 4096), 0);
         });
     }
+}
+
+TEST_F(Snapshots, ClosingSessionsDoesNotEndARunningBackup)
+{
+    withModule([](ModuleRun &run) {
+        BackupRun backup(run, {.blockSizes = {4096, 4096}});
+        backup.track(2);
+        ASSERT_TRUE(backup.begin());
+        EXPECT_EQ(zelShutdown(), 0);
+        EXPECT_EQ(backup.session(1), nullptr);
+        EXPECT_EQ(backup.session(2), nullptr);
+        struct request_queue *q = backup.disk.disk().queue();
+        EXPECT_EQ(functionOf(q), zelMRF);
+        EXPECT_EQ(isInQueueList(q, backup.disk.device(1)), 1);
+        EXPECT_EQ(isInQueueList(q, backup.disk.device(2)), 0);
+        EXPECT_EQ(backup.write(3, 1, 0x33), 0);
+        EXPECT_EQ(atomic_read(&backup.b()->totalAllocCPs), 1);
+        backup.record.close();
+        EXPECT_EQ(functionOf(q), ownFunctionOf(q));
+    });
 }
 
 // A failure found by another task is final.

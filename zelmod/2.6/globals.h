@@ -29,9 +29,7 @@ typedef struct _CachePage {
     u32 blockNum;
 } CachePage;
 
-#if __SIZEOF_POINTER__ == 4
-static_assert(sizeof(CachePage) == 12);
-#endif
+static_assert(sizeof(CachePage) == 12 || sizeof(void *) != 4);
 
 /* One bucket of the block table: newest entry first. */
 typedef struct _HashTable {

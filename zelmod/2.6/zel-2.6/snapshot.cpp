@@ -188,6 +188,8 @@ static int takeSnapshot(Backup *b, AutoMapSession *ams)
         return ZEL_RESULT_INVALID;
     }
     bool exchanged = fixPointInTime(b, ams);
+    /* The session may have been closed, and the queue unhooked with it, until now. */
+    setMRF(b, zelMRF);
     thaw_bdev(bdev, sb);
     current_kernel_time(&thawed);
     /* The session fell out of sync after its map was chosen: the empty one would say that nothing

@@ -13,6 +13,7 @@
 #include <kernel/sync.h>
 #include <kernel/task.h>
 
+#include "guards.h"
 #include "users.h"
 #include "zellib.h"
 
@@ -257,7 +258,22 @@ void unSetMRFAMS(AutoMapSession *ams)
         unSetMRFDEV(&ams->diskInfo);
 }
 
-/* Removes one device; the queue gets its own function back when that was its last one. */
+/* Whether a backup keeps this device as it was: then its hook is not to be taken off under it. The
+ * caller is inside activeSessionUsers. */
+static bool isBeingKept(kernel_dev_t kdev)
+{
+    Backup *b = loadActiveSession();
+    if (b == NULL || b->diskInfo.kdev != kdev)
+        return false;
+    unsigned int state = backupState(b);
+    return state >= BACKUP_SNAPPED && state <= BACKUP_MAP_LOADED;
+}
+
+/*
+ * Removes one device; the queue gets its own function back when that was its last one. A device
+ * whose snapshot is being kept stays: sessions may be closed at any time, and the end of the backup
+ * unhooks it.
+ */
 void unSetMRFDEV(DiskInfo *diskInfo)
 {
     struct request_queue *q = getRequestQueue(diskInfo);
@@ -267,12 +283,13 @@ void unSetMRFDEV(DiskInfo *diskInfo)
                __func__, deviceMajor(kdev), deviceMinor(kdev));
         return;
     }
+    ReadGuard activeStays(&activeSessionUsers);
     make_request_fn *realMRF = NULL;
     bool forgotten = false;
     unsigned long flags;
     waitForQueueListUsers(&flags);
     QueueList *targetQueue = findQueue(q);
-    if (targetQueue != NULL) {
+    if (targetQueue != NULL && !isBeingKept(diskInfo->kdev)) {
         for (struct list_head *at = targetQueue->devList.next; at != &targetQueue->devList;) {
             DevList *targetDev = devListOf(at);
             at = at->next;
