@@ -41,8 +41,7 @@ public:
         try {
             live();
         } catch (const std::exception &e) {
-            if (result_.failure.empty())
-                result_.failure = e.what();
+            fail(e.what());
         }
         return result_;
     }
@@ -88,6 +87,22 @@ private:
             agents.push_back(std::make_unique<BackupAgent>(
                 *model, random_, result_, [this](const std::string &text) { say(text); }));
         startIntruder();
+        try {
+            backUpSomeTimes(agents);
+        } catch (const std::exception &e) {
+            fail(e.what());
+        }
+        stop_ = true;
+        for (host::Task &task : tasks_)
+            task.join();
+        for (auto &model : models)
+            checkAtEnd(*model);
+        unload();
+        disk.disk().observe({});
+    }
+
+    void backUpSomeTimes(std::vector<std::unique_ptr<BackupAgent>> &agents)
+    {
         unsigned rounds = 2 + static_cast<unsigned>(below(random_, 3));
         for (unsigned i = 0; i < rounds; i++) {
             if (chance(random_, 30))
@@ -98,20 +113,24 @@ private:
             if (chance(random_, 10))
                 reload(agents);
         }
-        stop_ = true;
-        for (host::Task &task : tasks_)
-            task.join();
-        for (auto &model : models) {
-            model->fs().sync();
-            if (model->fs().writeErrors() != 0)
-                throw std::runtime_error("a write was refused");
-            if (std::string wrong = model->compareDisk(); !wrong.empty())
-                throw std::runtime_error("at the end: " + wrong);
-            if (!model->failure().empty())
-                throw std::runtime_error(model->failure());
-        }
-        unload();
-        disk.disk().observe({});
+    }
+
+    void checkAtEnd(DeviceModel &model)
+    {
+        model.fs().sync();
+        if (model.fs().writeErrors() != 0)
+            fail("a write was refused");
+        if (std::string wrong = model.compareDisk(); !wrong.empty())
+            fail("at the end: " + wrong);
+        if (!model.failure().empty())
+            fail(model.failure());
+    }
+
+    // The first failure is the one that counts; the run is wound up in order all the same.
+    void fail(const std::string &what)
+    {
+        if (result_.failure.empty())
+            result_.failure = what;
     }
 
     void load()
