@@ -18,19 +18,22 @@ std::atomic<int> &value(atomic_t *counter)
 
 /*
  * What a barrier adds to relaxed operations, told to the thread sanitizer, which knows no fences:
- * the first operation after one publishes what came before, and one after an operation receives
- * what was published there.
+ * the first operation after one publishes what came before (true: if it stores, it must be a
+ * release, so that it itself comes before what its receivers do), and one after an operation
+ * receives what was published there.
  */
 #if defined(__SANITIZE_THREAD__)
 thread_local bool barrierBefore;
 thread_local void *lastCounter;
 
-void noteRelaxed(void *counter)
+bool noteRelaxed(void *counter)
 {
-    if (barrierBefore)
+    bool publishes = barrierBefore;
+    if (publishes)
         annotateRelease(counter);
     barrierBefore = false;
     lastCounter = counter;
+    return publishes;
 }
 
 void noteBarrier()
@@ -41,7 +44,10 @@ void noteBarrier()
     barrierBefore = true;
 }
 #else
-void noteRelaxed(void *) {}
+bool noteRelaxed(void *)
+{
+    return false;
+}
 void noteBarrier() {}
 #endif
 
@@ -72,8 +78,10 @@ int atomic_read(const atomic_t *counter)
 void atomic_set(atomic_t *counter, int amount)
 {
     pointOfSwitch();
-    noteRelaxed(counter);
-    value(counter).store(amount, std::memory_order_relaxed);
+    if (noteRelaxed(counter))
+        value(counter).store(amount, std::memory_order_release);
+    else
+        value(counter).store(amount, std::memory_order_relaxed);
 }
 
 void atomic_inc(atomic_t *counter)
@@ -89,16 +97,20 @@ void atomic_dec(atomic_t *counter)
 void atomic_add(int amount, atomic_t *counter)
 {
     pointOfSwitch();
-    noteRelaxed(counter);
-    value(counter).fetch_add(amount, std::memory_order_relaxed);
+    if (noteRelaxed(counter))
+        value(counter).fetch_add(amount, std::memory_order_release);
+    else
+        value(counter).fetch_add(amount, std::memory_order_relaxed);
     pointOfSwitch();
 }
 
 void atomic_sub(int amount, atomic_t *counter)
 {
     pointOfSwitch();
-    noteRelaxed(counter);
-    value(counter).fetch_sub(amount, std::memory_order_relaxed);
+    if (noteRelaxed(counter))
+        value(counter).fetch_sub(amount, std::memory_order_release);
+    else
+        value(counter).fetch_sub(amount, std::memory_order_relaxed);
     pointOfSwitch();
 }
 

@@ -164,6 +164,13 @@ int Process::duplicate(int fd)
     return file == nullptr ? -errnoBadDescriptor : impl_->install(file);
 }
 
+int Process::inherit(Process &parent, int fd)
+{
+    SystemCall call(this, "fork");
+    struct file *file = parent.impl_->use(fd);
+    return file == nullptr ? -errnoBadDescriptor : impl_->install(file);
+}
+
 long Process::read(int fd, std::uint32_t buffer, std::size_t count)
 {
     SystemCall call(this, "read");

@@ -89,6 +89,12 @@ std::uint32_t countBits(const Bitmap &map)
 
 Agent::Agent(const std::string &name) : process_(name), fd_(process_.open("/dev/zelmod")) {}
 
+Agent::Agent(Agent &parent, const std::string &name)
+    : process_(name), fd_(process_.inherit(parent.process_, parent.fd_)), blocks_(parent.blocks_),
+      blockSize_(parent.blockSize_)
+{
+}
+
 int Agent::open()
 {
     fd_ = process_.open("/dev/zelmod");

@@ -34,6 +34,8 @@ class Agent
 {
 public:
     explicit Agent(const std::string &name = "agent");
+    // A child of the parent's process, with the same open file and the device that it backs up.
+    Agent(Agent &parent, const std::string &name);
     // Exits: unmaps its buffers, then closes the device.
     ~Agent() = default;
 

@@ -55,7 +55,8 @@ int countOf(struct semaphore *sem)
 bool inMap(const BlockMap &map, unsigned block)
 {
     const unsigned char *bytes = host::pageBytes(map.map[block >> 15]);
-    return (bytes[(block & 0x7fff) >> 3] >> (block & 7) & 1) != 0;
+    unsigned char byte = __atomic_load_n(&bytes[(block & 0x7fff) >> 3], __ATOMIC_RELAXED);
+    return (byte >> (block & 7) & 1) != 0;
 }
 
 FreeBio::FreeBio(struct block_device *bdev, sector_t sector, unsigned size, unsigned long rw)

@@ -470,6 +470,7 @@ TEST_F(BackupStart, AStartWaitsUntilTheOldThreadHasStopped)
             EXPECT_NE(loadCachePID(), oldThread);
             EXPECT_FALSE(host::findTask(oldThread));
             EXPECT_TRUE(host::findTask(loadCachePID()));
+            EXPECT_TRUE(fallsAsleep(host::findTask(loadCachePID())));
             EXPECT_EQ(countOf(&signalThread), 0);
             third.close();
             EXPECT_EQ(loadCachePID(), 0);

@@ -413,6 +413,7 @@ TEST_F(BlockReader, AVectorBeyondItsPageStopsTheKernel)
                      backup.disk.disk().failSectors(backup.disk.start() + 160, 8, true, false);
                      readBlocks(backup.b(), 20, 1, buffer.slot());
                      struct bio *bio = backup.b()->mmBIORequests[0]->bio;
+                     wait_on_buffer(static_cast<struct buffer_head *>(bio_private(bio)));
                      bio_set_vec(bio, 0, bio_vec_page(bio, 0), 4000, 97);
                      waitForSubmitted(backup.b(), 20, 1);
                  }),

@@ -28,6 +28,14 @@ using test::takeLog;
 
 constexpr unsigned long writeAhead = 3;
 
+bool isRetiring()
+{
+    down_read(&activeSessionUsers);
+    bool retiring = activeSessionRetiring == 1;
+    up_read(&activeSessionUsers);
+    return retiring;
+}
+
 class Hooks : public test::ModuleTest
 {
 protected:
@@ -519,7 +527,8 @@ TEST_F(Hooks, ARecordIsNotFreedUnderAHookThatTookIt)
         host::Task closer = backup.closeInTask();
         ASSERT_TRUE(eventually([&] { return backupState(loadActiveSession()) == 7; }));
         mutex_unlock(tableMutex);
-        ASSERT_TRUE(eventually([&] { return atomic_read(&activeSession->hooksInside) == 1; }));
+        ASSERT_TRUE(
+            eventually([&] { return atomic_read(&loadActiveSession()->hooksInside) == 1; }));
         ASSERT_TRUE(fallsAsleep(writer));
         backup.disk.disk().release();
         closer.join();
@@ -542,7 +551,7 @@ TEST_F(Hooks, ClosingAnotherRecordLetsHeldWritesGoOnFirst)
         AsyncBio third = backup.readAsync(5, 1);
         ASSERT_TRUE(eventually([&] { return backup.disk.disk().heldCount() == 1; }));
         host::Task closer = host::spawn("closer", [&] { idle.close(); });
-        ASSERT_TRUE(eventually([&] { return activeSessionRetiring == 1; }));
+        ASSERT_TRUE(eventually(isRetiring));
         EXPECT_EQ(loadActiveSession(), backup.b());
         // From here on the hooks take it no more: this one is passed on, though not saved.
         EXPECT_EQ(backup.write(6, 1, 0x66), 0);
@@ -551,7 +560,7 @@ TEST_F(Hooks, ClosingAnotherRecordLetsHeldWritesGoOnFirst)
         closer.join();
         EXPECT_TRUE(eventually([&] { return first.ended() && second.ended() && third.ended(); }));
         EXPECT_EQ(loadActiveSession(), nullptr);
-        EXPECT_EQ(activeSessionRetiring, 0);
+        EXPECT_FALSE(isRetiring());
         EXPECT_EQ(backup.block(4), backup.pattern(0x44));
         // The owner's close does not wait for anything that cannot come any more.
         backup.record.close();

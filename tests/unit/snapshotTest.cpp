@@ -9,6 +9,7 @@
 
 #include "kernel/host/blockInternal.h"
 #include "support/backupRun.h"
+#include "users.h"
 
 namespace
 {
@@ -557,7 +558,7 @@ TEST_F(Snapshots, OthersUsingTheSessionAreWaitedFor)
             host::sleepNanoseconds(10'000);
         EXPECT_FALSE(snapper.ended());
         EXPECT_TRUE(ams->sessionKey == key);
-        atomic_dec(&ams->users);
+        leaveUsers(&ams->users);
         snapper.join();
         EXPECT_EQ(result, 0);
         EXPECT_FALSE(keyOf(backup) == key);

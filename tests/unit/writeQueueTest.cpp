@@ -183,6 +183,8 @@ TEST_F(WriteQueue, OnlyTheRecordThatStartedTheThreadStopsIt)
         OpenRecord other;
         ASSERT_EQ(startWorkQueue(owner.get()), 0);
         int pid = loadCachePID();
+        // One that has not come to its wait yet would not use up the wake-up to stop.
+        EXPECT_TRUE(fallsAsleep(host::findTask(pid)));
         killWorkQueue(other.get());
         EXPECT_EQ(loadCachePID(), pid);
         EXPECT_EQ(atomic_read(&backup_cacheThreadContinue), 1);

@@ -1,7 +1,6 @@
 /* The checks of memory: each fault is planted and must be reported. */
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <unistd.h>
 
 #include <host/memory.h>
 #include <host/task.h>
@@ -28,7 +27,7 @@ protected:
         EXPECT_DEATH(inKernel([&] {
                          std::fputs("in the kernel\n", stderr);
                          access();
-                         std::_Exit(0);
+                         _exit(0);
                      }),
                      "in the kernel");
     }

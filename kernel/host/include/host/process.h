@@ -52,6 +52,8 @@ public:
     int open(const std::string &path); // "/dev/zelmod"; a descriptor
     int close(int fd);
     int duplicate(int fd); // the same open file
+    // The same open file as the parent's descriptor, as after a fork.
+    int inherit(Process &parent, int fd);
     long read(int fd, std::uint32_t buffer, std::size_t count);
     long write(int fd, std::uint32_t buffer, std::size_t count);
     unsigned poll(int fd);
