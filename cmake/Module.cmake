@@ -3,9 +3,6 @@
 # host kernel's module loader put them back to their first state at each load.
 
 zelGlob(moduleSources zelmod/2.6/*.cpp zelmod/2.6/*/*.cpp)
-if(NOT moduleSources)
-  set(moduleSources tests/sanitizerOptions.cpp)
-endif()
 add_library(zelmod_objects OBJECT ${moduleSources})
 target_include_directories(zelmod_objects PRIVATE kernel/include kernel/host/include zelmod/2.6)
 target_compile_options(zelmod_objects PRIVATE -O2 ${warningFlags} -ffreestanding -fno-exceptions

@@ -1,10 +1,7 @@
 # The tests of the seam, the host kernel and the module.
 
 zelGlob(supportSources tests/support/*.cpp)
-if(NOT supportSources)
-  set(supportSources tests/sanitizerOptions.cpp)
-endif()
-# These stand in for a device or a peer of the agent and belong to its tests.
+# These stand in for a device, a peer or a failing system below the agent, and belong to its tests.
 list(FILTER supportSources EXCLUDE REGEX "/(streamBuilder|fakeDevice|faultyCalls)\\.cpp$")
 add_library(testsupport STATIC ${supportSources})
 target_compile_options(testsupport PRIVATE -O2 ${warningFlags})
@@ -17,8 +14,11 @@ zelGlob(contractTests tests/contract/*.cpp)
 zelTests(contract_tests SOURCES ${contractTests} LIBRARIES testsupport LABEL fast TIMEOUT 120)
 zelGlob(unitTests tests/unit/*.cpp)
 zelTests(unit_tests SOURCES ${unitTests} LIBRARIES testsupport LABEL fast TIMEOUT 120)
-zelGlob(scenarioTests tests/scenario/*.cpp)
-zelTests(scenario_tests SOURCES ${scenarioTests} LIBRARIES testsupport LABEL slow TIMEOUT 300)
+if(EXISTS ${PROJECT_SOURCE_DIR}/tests/scenario)
+  zelGlob(scenarioTests tests/scenario/*.cpp)
+  zelTests(scenario_tests SOURCES ${scenarioTests} LIBRARIES testsupport LABEL slow TIMEOUT 300)
+endif()
+
 # The simulation runs under the deterministic scheduler, in which no two threads run at a time: the
 # thread sanitizer would find nothing there.
 zelGlob(simulationSources tests/simulation/*.cpp)
