@@ -186,8 +186,8 @@ private:
     std::size_t next_ = 0;
 };
 
-// Queues whose make_request_fn is not their disk's own, by name; those of disks that are gone
-// too, for as long as somebody holds a reference.
+// Queues whose make_request_fn is not their disk's own, by name; not those of disks that are gone,
+// whose function nobody calls any more.
 std::vector<std::string> hookedQueues();
 // Puts the disks' own functions back.
 void unhookQueues();

@@ -30,7 +30,6 @@ void freeQueue(request_queue *queue)
         std::lock_guard guard(registryGuard);
         registry.erase(std::find(registry.begin(), registry.end(), queue));
     }
-    checkFreed(&queue->lock, sizeof(queue->lock), "request queue");
     delete queue;
 }
 
@@ -137,6 +136,8 @@ request_queue *newQueue(DiskState *disk, make_request_fn *own, bool withLock,
 void retireQueue(request_queue *queue)
 {
     queue->dead.store(true, std::memory_order_release);
+    // It may be the driver's, and end with it.
+    checkFreed(&queue->lock, sizeof(queue->lock), "request queue");
     if (queue->references.fetch_sub(1, std::memory_order_acq_rel) == 1)
         freeQueue(queue);
 }
@@ -146,7 +147,7 @@ std::vector<std::string> hookedQueues()
     std::vector<std::string> result;
     std::lock_guard guard(registryGuard);
     for (const request_queue *queue : registry)
-        if (isHooked(queue))
+        if (isHooked(queue) && !queue->dead.load(std::memory_order_acquire))
             result.push_back(queue->name);
     return result;
 }

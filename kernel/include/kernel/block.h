@@ -57,13 +57,15 @@ SEAM(sector_t, part_nr_sects, (struct hd_struct * part));
 
 /* Request queues. */
 
-/* The lock that guards the queue, or NULL if it has none. */
+/* The lock that guards the queue, or NULL if it has none. It may be the driver's, and then does not
+ * outlive the disk as the queue's memory can (blk_get_queue). */
 SEAM(spinlock_t *, queue_lock, (struct request_queue * queue));
 /* Both only with the queue's lock held, if it has one. */
 SEAM(make_request_fn *, queue_make_request_fn, (struct request_queue * queue));
 SEAM(void, queue_set_make_request_fn, (struct request_queue * queue, make_request_fn *function));
-/* Keeps the queue's memory alive. blk_get_queue: any context, 0 if taken. blk_put_queue may free
- * it: process context, may sleep. */
+/* Keeps the queue's memory alive. blk_get_queue: any context, 0 if taken, not if the queue is dead:
+ * no bio is given to its function any more. blk_put_queue may free it: process context, may sleep.
+ */
 SEAM(int, blk_get_queue, (struct request_queue * queue));
 SEAM(void, blk_put_queue, (struct request_queue * queue));
 /* Submits a bio: a partition's is remapped to its whole disk, then handed to the queue's

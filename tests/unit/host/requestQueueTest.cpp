@@ -211,19 +211,56 @@ TEST_P(RequestQueueTest, aReferenceKeepsAQueueWithoutItsDisk)
             OpenDisk open;
             queue = open.disk->queue();
             EXPECT_EQ(blk_get_queue(queue), 0);
-            Hooked hooked(queue);
-            EXPECT_EQ(host::hookedQueues().size(), 1u);
         }
         EXPECT_NE(blk_get_queue(queue), 0);
-        EXPECT_TRUE(host::hookedQueues().empty());
-        {
-            Hooked hooked(queue);
-            EXPECT_EQ(host::hookedQueues().size(), 1u);
-            host::unhookQueues();
-            EXPECT_TRUE(host::hookedQueues().empty());
-        }
         blk_put_queue(queue);
     });
+}
+
+TEST_P(RequestQueueTest, hookedQueuesAreThoseOfDisksThatAreThere)
+{
+    inKernel([] {
+        struct request_queue *queue;
+        {
+            OpenDisk open;
+            queue = open.disk->queue();
+            EXPECT_EQ(blk_get_queue(queue), 0);
+            EXPECT_TRUE(host::hookedQueues().empty());
+            unsigned long flags = spin_lock_irqsave(queue_lock(queue));
+            queue_set_make_request_fn(queue, hook);
+            spin_unlock_irqrestore(queue_lock(queue), flags);
+            EXPECT_EQ(host::hookedQueues().size(), 1u);
+        }
+        EXPECT_TRUE(host::hookedQueues().empty());
+        blk_put_queue(queue);
+    });
+}
+
+TEST_P(RequestQueueTest, unhookingGivesQueuesTheirOwnFunctionsBack)
+{
+    inKernel([] {
+        OpenDisk open;
+        Hooked hooked(open.disk->queue());
+        EXPECT_EQ(host::hookedQueues().size(), 1u);
+        host::unhookQueues();
+        EXPECT_TRUE(host::hookedQueues().empty());
+    });
+}
+
+TEST_P(RequestQueueTest, theLockOfAQueueEndsWithTheDisk)
+{
+    inKernel([] {
+        struct request_queue *queue;
+        {
+            OpenDisk open;
+            queue = open.disk->queue();
+            EXPECT_EQ(blk_get_queue(queue), 0);
+        }
+        unsigned long flags = spin_lock_irqsave(queue_lock(queue));
+        spin_unlock_irqrestore(queue_lock(queue), flags);
+        blk_put_queue(queue);
+    });
+    expectViolation("lock not initialised");
 }
 
 TEST_P(RequestQueueTest, aReferenceDroppedTwiceIsReported)
