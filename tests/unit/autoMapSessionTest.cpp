@@ -7,6 +7,7 @@
 
 #include "kernel/host/blockInternal.h"
 #include "support/agent.h"
+#include "support/backupRun.h"
 #include "support/moduleTest.h"
 #include "support/testDisk.h"
 #include "users.h"
@@ -14,6 +15,7 @@
 namespace
 {
 
+using test::eventually;
 using test::Lines;
 using test::ModuleRun;
 using test::OpenRecord;
@@ -526,9 +528,9 @@ TEST_P(AutoMapSessionUsers, ClosingWaitsForThoseWhoUseTheSession)
             EXPECT_EQ(closeAMS(record.get()), 0);
             closed = true;
         });
+        EXPECT_TRUE(eventually([] { return amList[8][1] == nullptr; }));
         host::sleepNanoseconds(2'000'000);
         EXPECT_FALSE(closed);
-        EXPECT_EQ(getAMS(8, 1), nullptr);
         EXPECT_EQ(setBlock(&ams->map, 5), 0);
         leaveUsers(&ams->users);
         closing.join();

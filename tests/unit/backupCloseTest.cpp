@@ -209,6 +209,7 @@ TEST_F(BackupClose, NewWritesWaitUntilTheTearDownIsOver)
 
 TEST_F(BackupClose, AThreadThatIsGoneEndsTheWait)
 {
+    restart(test::seeded(1)); // so that the waiter runs while this sleeps
     withModule([](ModuleRun &run) {
         BackupRun backup(run);
         Backup *b = backup.b();

@@ -98,10 +98,12 @@ TEST_P(DiskTest, completesOutOfOrderUnlessTold)
             OpenDisk open(4096, options);
             host::WaitQueue queue("completions");
             std::vector<unsigned> order;
+            open.disk->hold(); // so that the disk has them all to choose from
             for (unsigned i = 0; i < 32; i++)
                 host::submitAsync({open.device, i * 8, 4096, READ}, [&queue, &order, i](int) {
                     queue.wake([&] { order.push_back(i); });
                 });
+            open.disk->release();
             queue.wait([&] { return order.size() == 32; });
             EXPECT_EQ(std::is_sorted(order.begin(), order.end()), !outOfOrder);
         });
