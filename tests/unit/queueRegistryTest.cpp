@@ -229,7 +229,11 @@ TEST_F(QueueRegistry, LookingUpNoQueueLowersTheUsersCount)
         EXPECT_EQ(getRealMRF(nullptr), nullptr);
         EXPECT_EQ(takeLog(), (Lines{"<4>getRealMRF: Can't get MRF on NULL queue.\n"}));
         EXPECT_EQ(atomic_read(&queueListUsers), 0);
-        atomic_set(&queueListUsers, 1);
+        // Nobody waits for ever because of it, and the next writer mends it.
+        Queue q;
+        addQueueToList(q, deviceA);
+        EXPECT_EQ(atomic_read(&queueListUsers), 1);
+        unsetQueueMRFAMS(q);
     });
 }
 
@@ -365,6 +369,46 @@ TEST_F(QueueRegistry, UnhookingASessionIsUnhookingItsDevice)
         unSetMRFAMS(&ams);
         EXPECT_EQ(q.function(), ownFunction);
         EXPECT_EQ(entryOf(q), nullptr);
+    });
+}
+
+// A session may be closed late, when its device has got a new one already.
+TEST_F(QueueRegistry, UnhookingADeviceEndsTheTrackingThatItsNextSessionHasBegun)
+{
+    withModule([](ModuleRun &) {
+        Queue q;
+        DeviceOnQueue device(q);
+        addQueueToList(q, deviceA);
+        addQueueToList(q, deviceB);
+        FakeSession next(deviceA, AMS_IN_SYNC);
+        FakeSession other(deviceB, AMS_IN_SYNC);
+        AutoMapSession closing{};
+        closing.diskInfo.kdev = deviceA;
+        closing.diskInfo.bdev = device.bdev();
+        unSetMRFAMS(&closing);
+        EXPECT_EQ(devicesOf(q), Devices{deviceB});
+        EXPECT_EQ(next.state(), 0u);
+        EXPECT_EQ(other.state(), 1u);
+        unsetQueueMRFAMS(q);
+    });
+}
+
+// The lock of such a queue may be gone, and nobody calls its function.
+TEST_F(QueueRegistry, TheQueueOfARemovedDiskIsForgottenAndNothingElse)
+{
+    withModule([](ModuleRun &) {
+        Queue gone;
+        Queue alive;
+        addQueueToList(gone, deviceA);
+        addQueueToList(alive, deviceB);
+        gone.hook(zelAMRF);
+        alive.hook(zelAMRF);
+        ASSERT_EQ(gone.references(), 2);
+        gone.retire();
+        unhookAllQueues();
+        EXPECT_TRUE(list_empty(&queueListHead));
+        EXPECT_EQ(alive.function(), ownFunction);
+        EXPECT_EQ(host::memoryUse().kmallocs, 0u);
     });
 }
 

@@ -603,6 +603,8 @@ TEST_F(Snapshots, ASessionClosedMeanwhileIsNotUsedAfterItsEnd)
             auto before = backup.block(3);
             EXPECT_EQ(backup.snap(key), 0);
             backup.disk.mount().onFrozen({});
+            // It saw nothing of what was written last.
+            EXPECT_EQ(backup.b()->blockMap.map, nullptr);
             closer.join();
             EXPECT_EQ(stateOf(backup), unsigned{BACKUP_SNAPPED});
             EXPECT_EQ(atomic_read(&curAllocAMPages), 0);

@@ -31,13 +31,15 @@ inline void leaveUsers(atomic_t *users)
 inline void waitForUsers(atomic_t *users, spinlock_t *lock, unsigned long *flags)
 {
     *flags = spin_lock_irqsave(lock);
-    while (!atomic_dec_and_test(users)) {
+    /* Below zero: somebody has left without having entered (getRealMRF), and would be waited for
+     * for ever. */
+    while (!atomic_dec_and_test(users) && atomic_read(users) >= 0) {
         atomic_inc(users);
         spin_unlock_irqrestore(lock, *flags);
         schedule();
         *flags = spin_lock_irqsave(lock);
     }
-    atomic_inc(users);
+    atomic_set(users, 1);
 }
 
 /* Inside for the length of a scope. */

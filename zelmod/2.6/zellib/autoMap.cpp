@@ -48,12 +48,15 @@ AutoMapSession *getAMS(unsigned int major, unsigned int minor)
     return ams;
 }
 
-/* Puts a session (or NULL) into a slot and returns what was there. */
+/* Puts a session (or NULL) into a slot and returns what was there. That one sees no more writes: a
+ * snapshot that still has it must not take its map for a whole one. */
 static AutoMapSession *exchangeSlot(AutoMapSession **slot, AutoMapSession *ams)
 {
     unsigned long flags;
     waitForAMListUsers(&flags);
     AutoMapSession *old = *slot;
+    if (old != NULL)
+        setAMSState(old, AMS_NOT_IN_SYNC);
     *slot = ams;
     spin_unlock_irqrestore(&amListUsersLock, flags);
     return old;

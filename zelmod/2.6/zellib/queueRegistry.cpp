@@ -61,9 +61,16 @@ static void storeMRF(struct request_queue *q, make_request_fn *fn)
     zelUnlockRequestQueue(q, &flags);
 }
 
-/* The caller is the writer. */
+/* Nothing keeps the queue hooked for this device any more, so the session that it may have stops
+ * tracking. The caller is the writer. */
 static void dropDev(DevList *dl)
 {
+    {
+        Users tableUser(&amListUsers, &amListUsersLock);
+        AutoMapSession **slot = amListSlot(deviceMajor(dl->kdev), deviceMinor(dl->kdev));
+        if (slot != NULL && *slot != NULL)
+            setAMSState(*slot, AMS_NOT_IN_SYNC);
+    }
     list_del(&dl->list);
     kfree(dl);
 }
@@ -212,17 +219,11 @@ int countQueueAMS(struct request_queue *q)
     return count;
 }
 
-/* Drops all devices of an entry; their sessions stop tracking. The caller is the writer. */
+/* Drops all devices of an entry. The caller is the writer. */
 static void dropDevices(QueueList *ql)
 {
-    Users tableUser(&amListUsers, &amListUsersLock);
-    while (!list_empty(&ql->devList)) {
-        DevList *dl = devListOf(ql->devList.next);
-        AutoMapSession **slot = amListSlot(deviceMajor(dl->kdev), deviceMinor(dl->kdev));
-        if (slot != NULL && *slot != NULL)
-            setAMSState(*slot, AMS_NOT_IN_SYNC);
-        dropDev(dl);
-    }
+    while (!list_empty(&ql->devList))
+        dropDev(devListOf(ql->devList.next));
 }
 
 /* Gives the queue its own function back and forgets it; its devices' sessions stop tracking. Does
@@ -312,6 +313,8 @@ void unSetMRFDEV(DiskInfo *diskInfo)
         blk_put_queue(q);
 }
 
+/* Gives every queue back its own function: those of devices that were unmounted since cannot be
+ * found from the device any more. For the module's exit. */
 void unhookAllQueues()
 {
     for (;;) {
@@ -324,9 +327,15 @@ void unhookAllQueues()
         QueueList *ql = queueListOf(queueListHead.next);
         struct request_queue *q = ql->rQueue;
         dropDevices(ql);
-        storeMRF(q, ql->realMRF);
+        /* A queue whose disk is gone gets no more bios, and its lock may have gone with the disk.
+         */
+        bool alive = blk_get_queue(q) == 0;
+        if (alive)
+            storeMRF(q, ql->realMRF);
         dropQueue(ql);
         spin_unlock_irqrestore(&queueListUsersLock, flags);
+        if (alive)
+            blk_put_queue(q);
         blk_put_queue(q);
     }
 }
