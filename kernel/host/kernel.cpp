@@ -70,9 +70,15 @@ Kernel::Kernel(const Options &options) : impl_(std::make_unique<Impl>())
 
 Kernel::~Kernel()
 {
-    for (const std::shared_ptr<TaskImpl> &task : core->tasks)
-        if (!task->service)
-            die("the kernel ends while tasks are alive:" + describeTasks());
+    bool onlyServices = false;
+    {
+        // Service tasks may be ending just now.
+        HiddenScope scope(core->mutex);
+        onlyServices = std::all_of(core->tasks.begin(), core->tasks.end(),
+                                   [](const auto &task) { return task->service; });
+    }
+    if (!onlyServices)
+        die("the kernel ends while tasks are alive:" + describeTasks());
     core->scheduler->shutDown();
     if (!core->tasks.empty())
         die("service tasks did not end:" + describeTasks());
