@@ -7,6 +7,12 @@ add_library(testsupport STATIC ${supportSources})
 target_compile_options(testsupport PRIVATE -O2 ${warningFlags})
 target_include_directories(testsupport PUBLIC . tests)
 target_link_libraries(testsupport PUBLIC hostkernel zelmod gtest)
+if(ZEL_BUILD STREQUAL i386)
+  set(seedDivisor 1)
+else()
+  set(seedDivisor 10) # the sanitizers make a run several times as long
+endif()
+target_compile_definitions(testsupport PUBLIC SEED_DIVISOR=${seedDivisor})
 
 zelGlob(hostTests tests/unit/host/*.cpp)
 zelTests(host_tests SOURCES ${hostTests} LIBRARIES testsupport LABEL fast TIMEOUT 120)
@@ -14,13 +20,9 @@ zelGlob(contractTests tests/contract/*.cpp)
 zelTests(contract_tests SOURCES ${contractTests} LIBRARIES testsupport LABEL fast TIMEOUT 120)
 zelGlob(unitTests tests/unit/*.cpp)
 zelTests(unit_tests SOURCES ${unitTests} LIBRARIES testsupport LABEL fast TIMEOUT 120)
-if(EXISTS ${PROJECT_SOURCE_DIR}/tests/scenario)
-  zelGlob(scenarioTests tests/scenario/*.cpp)
-  zelTests(scenario_tests SOURCES ${scenarioTests} LIBRARIES testsupport LABEL slow TIMEOUT 300)
-endif()
+zelGlob(scenarioTests tests/scenario/*.cpp)
+zelTests(scenario_tests SOURCES ${scenarioTests} LIBRARIES testsupport LABEL slow TIMEOUT 300)
 
-# The simulation runs under the deterministic scheduler, in which no two threads run at a time: the
-# thread sanitizer would find nothing there.
 zelGlob(simulationSources tests/simulation/*.cpp)
 list(FILTER simulationSources EXCLUDE REGEX "(Main|Test)\\.cpp$")
 add_library(simulation STATIC ${simulationSources})
@@ -31,12 +33,6 @@ target_link_libraries(simulate PRIVATE simulation)
 if(NOT ZEL_BUILD STREQUAL tsan)
   zelGlob(simulationTests tests/simulation/*Test.cpp)
   zelTests(simulation_tests SOURCES ${simulationTests} LIBRARIES simulation LABEL slow TIMEOUT 900)
-  # The sanitizers make a run several times as long.
-  if(ZEL_BUILD STREQUAL asan)
-    target_compile_definitions(simulation_tests PRIVATE SEEDS_PER_TEST=20)
-  else()
-    target_compile_definitions(simulation_tests PRIVATE SEEDS_PER_TEST=250)
-  endif()
 endif()
 
 # Checks that are no test programs, once.

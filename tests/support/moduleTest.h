@@ -43,6 +43,9 @@ private:
     host::Process process_{"agent"};
 };
 
+// Options for a deterministic kernel.
+host::Options seeded(std::uint64_t seed);
+
 // Runs the bodies of tests with the module loaded, as a task of a process. The log is empty when
 // the body begins, the banner of the load taken away.
 template<class Base> class WithModule : public Base
@@ -57,14 +60,22 @@ protected:
             body(run);
         });
     }
+
+    // The same with a deterministic kernel, made again for each of many seeds; builds that run
+    // slowly take fewer.
+    void forSeeds(unsigned seeds, const std::function<void(ModuleRun &)> &body)
+    {
+        for (unsigned seed = 1; seed <= seeds / SEED_DIVISOR && !this->HasFailure(); seed++) {
+            SCOPED_TRACE("seed " + std::to_string(seed));
+            this->restart(seeded(seed));
+            withModule(body);
+        }
+    }
 };
 
 using ModuleTest = WithModule<HostTest>;
 // With each scheduler; see SchedulerTest.
 using ModuleSchedulerTest = WithModule<SchedulerTest>;
-
-// Options for a deterministic kernel that is made again for each of many seeds.
-host::Options seeded(std::uint64_t seed);
 
 // The control device, opened by the calling task, and the record of this open file. From a task.
 class OpenRecord

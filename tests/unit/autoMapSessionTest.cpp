@@ -528,7 +528,12 @@ TEST_P(AutoMapSessionUsers, ClosingWaitsForThoseWhoUseTheSession)
             EXPECT_EQ(closeAMS(record.get()), 0);
             closed = true;
         });
-        EXPECT_TRUE(eventually([] { return amList[8][1] == nullptr; }));
+        EXPECT_TRUE(eventually([] {
+            AutoMapSession *found = getAMS(8, 1);
+            if (found != nullptr)
+                leaveUsers(&found->users);
+            return found == nullptr;
+        }));
         host::sleepNanoseconds(2'000'000);
         EXPECT_FALSE(closed);
         EXPECT_EQ(setBlock(&ams->map, 5), 0);

@@ -444,63 +444,54 @@ TEST_F(BackupStart, NoFailureLosesMemory)
 // A third record may start while the old thread is still there: closing an idle one allows it.
 TEST_F(BackupStart, AStartWaitsUntilTheOldThreadHasStopped)
 {
-    for (unsigned seed = 1; seed <= 40 && !HasFailure(); seed++) {
-        SCOPED_TRACE("seed " + std::to_string(seed));
-        restart(test::seeded(seed));
-        withModule([](ModuleRun &run) {
-            BackupRun backup(run, {.mebibytes = 1});
-            OpenRecord idle;
-            OpenRecord third;
-            ASSERT_EQ(backup.start(), 0);
-            int oldThread = loadCachePID();
-            idle.close();
-            int result = -1;
-            host::Task starter = host::spawn("starter", [&] {
-                result = startBackup(third, backup.disk.device(), backup.disk.blocks(), 1u << 20);
-            });
-            ASSERT_TRUE(fallsAsleep(starter));
-            EXPECT_EQ(loadCachePID(), oldThread);
-            EXPECT_EQ(backupState(third.get()), unsigned{BACKUP_STARTING});
-            host::Task closer = backup.closeInTask();
-            starter.join();
-            closer.join();
-            EXPECT_EQ(result, 0);
-            EXPECT_GT(loadCachePID(), 0);
-            EXPECT_NE(loadCachePID(), oldThread);
-            EXPECT_FALSE(host::findTask(oldThread));
-            EXPECT_TRUE(host::findTask(loadCachePID()));
-            EXPECT_TRUE(fallsAsleep(host::findTask(loadCachePID())));
-            EXPECT_EQ(countOf(&signalThread), 0);
-            third.close();
-            EXPECT_EQ(loadCachePID(), 0);
-            EXPECT_EQ(countOf(&signalThread), 1);
-            EXPECT_EQ(countOf(&cacheThreadOwner), 1);
+    forSeeds(40, [](ModuleRun &run) {
+        BackupRun backup(run, {.mebibytes = 1});
+        OpenRecord idle;
+        OpenRecord third;
+        ASSERT_EQ(backup.start(), 0);
+        int oldThread = loadCachePID();
+        idle.close();
+        int result = -1;
+        host::Task starter = host::spawn("starter", [&] {
+            result = startBackup(third, backup.disk.device(), backup.disk.blocks(), 1u << 20);
         });
-    }
+        ASSERT_TRUE(fallsAsleep(starter));
+        EXPECT_EQ(loadCachePID(), oldThread);
+        EXPECT_EQ(backupState(third.get()), unsigned{BACKUP_STARTING});
+        host::Task closer = backup.closeInTask();
+        starter.join();
+        closer.join();
+        EXPECT_EQ(result, 0);
+        EXPECT_GT(loadCachePID(), 0);
+        EXPECT_NE(loadCachePID(), oldThread);
+        EXPECT_FALSE(host::findTask(oldThread));
+        EXPECT_TRUE(host::findTask(loadCachePID()));
+        EXPECT_TRUE(fallsAsleep(host::findTask(loadCachePID())));
+        EXPECT_EQ(countOf(&signalThread), 0);
+        third.close();
+        EXPECT_EQ(loadCachePID(), 0);
+        EXPECT_EQ(countOf(&signalThread), 1);
+        EXPECT_EQ(countOf(&cacheThreadOwner), 1);
+    });
 }
 
 TEST_F(BackupStart, ManyRecordsAfterOneAnotherAllWork)
 {
-    for (unsigned seed = 1; seed <= 10 && !HasFailure(); seed++) {
-        SCOPED_TRACE("seed " + std::to_string(seed));
-        restart(test::seeded(seed));
-        withModule([](ModuleRun &run) {
-            BackupRun backup(run, {.mebibytes = 1});
-            for (unsigned char i = 1; i <= 4; i++) {
-                OpenRecord record;
-                ASSERT_EQ(startBackup(record, backup.disk.device(), backup.disk.blocks(), 1u << 20),
-                          0);
-                ASSERT_EQ(ioctlNoLoadFromAutoMap(record.get()), 0);
-                AMSessionKey key{};
-                ASSERT_EQ(ioctlSnapShot(record.get(),
-                                        run.user<AMSessionKey>(run.put(&key, sizeof(key))), 56),
-                          0);
-                EXPECT_EQ(backup.write(i, 1, i), 0);
-                EXPECT_EQ(atomic_read(&record->totalAllocCPs), 1);
-                EXPECT_EQ(backup.block(i), backup.pattern(i));
-            }
-        });
-    }
+    forSeeds(10, [](ModuleRun &run) {
+        BackupRun backup(run, {.mebibytes = 1});
+        for (unsigned char i = 1; i <= 4; i++) {
+            OpenRecord record;
+            ASSERT_EQ(startBackup(record, backup.disk.device(), backup.disk.blocks(), 1u << 20), 0);
+            ASSERT_EQ(ioctlNoLoadFromAutoMap(record.get()), 0);
+            AMSessionKey key{};
+            ASSERT_EQ(
+                ioctlSnapShot(record.get(), run.user<AMSessionKey>(run.put(&key, sizeof(key))), 56),
+                0);
+            EXPECT_EQ(backup.write(i, 1, i), 0);
+            EXPECT_EQ(atomic_read(&record->totalAllocCPs), 1);
+            EXPECT_EQ(backup.block(i), backup.pattern(i));
+        }
+    });
 }
 
 } // namespace

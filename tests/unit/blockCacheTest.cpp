@@ -558,18 +558,14 @@ TEST_F(BlockCache, ABlockThatCannotBeKeptSpoilsTheBackupAndNotTheWrite)
 // only after the completion has let go of it. The host kernel reports any other end of it.
 TEST_F(BlockCache, BufferHeadsAreFreedWithoutReferences)
 {
-    for (unsigned seed = 1; seed <= 30 && !HasFailure(); seed++) {
-        SCOPED_TRACE("seed " + std::to_string(seed));
-        restart(test::seeded(seed));
-        withModule([](ModuleRun &run) {
-            BackupRun backup(run, {.mebibytes = 1});
-            ASSERT_TRUE(backup.begin());
-            EXPECT_EQ(backup.write(3, 4, 0x33), 0);
-            EXPECT_TRUE(eventually([&] { return atomic_read(&backup.b()->mrInQueue) == 0; }));
-            EXPECT_EQ(host::memoryUse().bufferHeads, 0u);
-            EXPECT_EQ(host::memoryUse().bios, 0u);
-        });
-    }
+    forSeeds(30, [](ModuleRun &run) {
+        BackupRun backup(run, {.mebibytes = 1});
+        ASSERT_TRUE(backup.begin());
+        EXPECT_EQ(backup.write(3, 4, 0x33), 0);
+        EXPECT_TRUE(eventually([&] { return atomic_read(&backup.b()->mrInQueue) == 0; }));
+        EXPECT_EQ(host::memoryUse().bufferHeads, 0u);
+        EXPECT_EQ(host::memoryUse().bios, 0u);
+    });
 }
 
 TEST_F(BlockCache, AReadWithoutAQueueFailsInsteadOfHanging)

@@ -38,16 +38,6 @@ bool isRetiring()
 
 class Hooks : public test::ModuleTest
 {
-protected:
-    // Again with a deterministic kernel for each of many seeds.
-    void forSeeds(unsigned seeds, const std::function<void(ModuleRun &)> &body)
-    {
-        for (unsigned seed = 1; seed <= seeds && !HasFailure(); seed++) {
-            SCOPED_TRACE("seed " + std::to_string(seed));
-            restart(test::seeded(seed));
-            withModule(body);
-        }
-    }
 };
 
 // What a function in the place of a disk's own was called with.

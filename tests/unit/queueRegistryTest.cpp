@@ -568,31 +568,28 @@ TEST_P(QueueRegistryUsers, AWriterWaitsForReadersAndKeepsNewOnesOut)
 // itself.
 TEST_F(QueueRegistry, NoQueueIsHookedThatTheRegistryDoesNotKnow)
 {
-    for (std::uint64_t seed = 1; seed <= 60; seed++) {
-        restart(test::seeded(seed));
-        withModule([seed](ModuleRun &) {
-            Queue q;
-            DeviceOnQueue device(q);
-            OpenRecord record;
-            record->diskInfo.kdev = deviceA;
-            record->diskInfo.bdev = device.bdev();
-            host::Task hooking = host::spawn("hooking", [&] {
-                EXPECT_EQ(setMRF(record.get(), zelAMRF), 0);
-                EXPECT_EQ(setMRF(record.get(), zelMRF), 0);
-            });
-            host::Task dropping = host::spawn("dropping", [&] {
-                unsetQueueMRFAMS(q);
-                host::yield();
-                unSetMRFDEV(&record->diskInfo);
-            });
-            hooking.join();
-            dropping.join();
-            EXPECT_EQ(q.function() == ownFunction, entryOf(q) == nullptr) << "seed " << seed;
-            unhookAllQueues();
-            q.hook(ownFunction);
-            record->diskInfo.bdev = nullptr;
+    forSeeds(60, [](ModuleRun &) {
+        Queue q;
+        DeviceOnQueue device(q);
+        OpenRecord record;
+        record->diskInfo.kdev = deviceA;
+        record->diskInfo.bdev = device.bdev();
+        host::Task hooking = host::spawn("hooking", [&] {
+            EXPECT_EQ(setMRF(record.get(), zelAMRF), 0);
+            EXPECT_EQ(setMRF(record.get(), zelMRF), 0);
         });
-    }
+        host::Task dropping = host::spawn("dropping", [&] {
+            unsetQueueMRFAMS(q);
+            host::yield();
+            unSetMRFDEV(&record->diskInfo);
+        });
+        hooking.join();
+        dropping.join();
+        EXPECT_EQ(q.function() == ownFunction, entryOf(q) == nullptr);
+        unhookAllQueues();
+        q.hook(ownFunction);
+        record->diskInfo.bdev = nullptr;
+    });
 }
 
 } // namespace

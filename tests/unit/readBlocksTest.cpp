@@ -165,34 +165,30 @@ TEST_F(ReadBlocksCommand, ABlockOverwrittenMeanwhileIsDeliveredAsItWas)
 // The same, decided by the schedule.
 TEST_F(ReadBlocksCommand, ReadsAndWritesAtAllMomentsGiveTheSnapshot)
 {
-    for (unsigned seed = 1; seed <= 60 && !HasFailure(); seed++) {
-        SCOPED_TRACE("seed " + std::to_string(seed));
-        restart(test::seeded(seed));
-        withModule([seed](ModuleRun &run) {
-            BackupRun backup(run, {.mebibytes = 1});
-            ASSERT_TRUE(backup.begin());
-            Image before = blocksOf(backup, 0, 24);
-            MappedBuffer buffer(backup.record, 8);
-            std::vector<host::Task> writers;
-            for (unsigned char w = 0; w < 3; w++)
-                writers.push_back(host::spawn("writer", [&backup, w] {
-                    for (unsigned char i = 0; i < 4; i++) {
-                        unsigned first = static_cast<unsigned>(host::randomNumber() % 22);
-                        EXPECT_EQ(backup.write(first, 1 + i % 3, 0x80 + w * 16 + i), 0);
-                    }
-                }));
-            if (seed % 2 == 0) {
-                ASSERT_EQ(backup.load(), 0);
-            }
-            for (unsigned first = 0; first < 24; first += 8) {
-                ASSERT_EQ(backup.read(first, 8, buffer), 0);
-                EXPECT_EQ(buffer.bytes(0, 8 * 4096), Image(before.begin() + first * 4096,
-                                                           before.begin() + first * 4096 + 32768));
-            }
-            for (host::Task &writer : writers)
-                writer.join();
-        });
-    }
+    forSeeds(60, [](ModuleRun &run) {
+        BackupRun backup(run, {.mebibytes = 1});
+        ASSERT_TRUE(backup.begin());
+        Image before = blocksOf(backup, 0, 24);
+        MappedBuffer buffer(backup.record, 8);
+        std::vector<host::Task> writers;
+        for (unsigned char w = 0; w < 3; w++)
+            writers.push_back(host::spawn("writer", [&backup, w] {
+                for (unsigned char i = 0; i < 4; i++) {
+                    unsigned first = static_cast<unsigned>(host::randomNumber() % 22);
+                    EXPECT_EQ(backup.write(first, 1 + i % 3, 0x80 + w * 16 + i), 0);
+                }
+            }));
+        if (host::randomNumber() % 2 == 0) {
+            ASSERT_EQ(backup.load(), 0);
+        }
+        for (unsigned first = 0; first < 24; first += 8) {
+            ASSERT_EQ(backup.read(first, 8, buffer), 0);
+            EXPECT_EQ(buffer.bytes(0, 8 * 4096),
+                      Image(before.begin() + first * 4096, before.begin() + first * 4096 + 32768));
+        }
+        for (host::Task &writer : writers)
+            writer.join();
+    });
 }
 
 /* Refusals. */

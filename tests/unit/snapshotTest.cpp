@@ -587,35 +587,31 @@ TEST_F(Snapshots, ASessionThatFallsOutOfSyncMeanwhileHandsOverNothing)
 // The shut-down command closes sessions at any time.
 TEST_F(Snapshots, ASessionClosedMeanwhileIsNotUsedAfterItsEnd)
 {
-    for (unsigned seed = 1; seed <= 40 && !HasFailure(); seed++) {
-        SCOPED_TRACE("seed " + std::to_string(seed));
-        restart(test::seeded(seed));
-        withModule([](ModuleRun &run) {
-            BackupRun backup(run, {.mebibytes = 1});
-            AMSessionKey key = track(backup);
-            ASSERT_EQ(backup.start(), 0);
-            host::Task closer;
-            backup.disk.mount().onFrozen([&] {
-                closer = host::spawn("closer", [] { closeAllAMS(); });
-                // Until it has taken the session out of the table.
-                ASSERT_TRUE(eventually([&] { return backup.session() == nullptr; }));
-            });
-            auto before = backup.block(3);
-            EXPECT_EQ(backup.snap(key), 0);
-            backup.disk.mount().onFrozen({});
-            // It saw nothing of what was written last.
-            EXPECT_EQ(backup.b()->blockMap.map, nullptr);
-            closer.join();
-            EXPECT_EQ(stateOf(backup), unsigned{BACKUP_SNAPPED});
-            EXPECT_EQ(atomic_read(&curAllocAMPages), 0);
-            // The snapshot is kept all the same.
-            EXPECT_EQ(functionOf(backup.disk.disk().queue()), zelMRF);
-            EXPECT_EQ(backup.write(3, 1, 0x33), 0);
-            std::vector<char> kept(4096);
-            ASSERT_EQ(cacheRead(backup.b(), kept.data(), 3), 4096u);
-            EXPECT_EQ(std::memcmp(kept.data(), before.data(), 4096), 0);
+    forSeeds(40, [](ModuleRun &run) {
+        BackupRun backup(run, {.mebibytes = 1});
+        AMSessionKey key = track(backup);
+        ASSERT_EQ(backup.start(), 0);
+        host::Task closer;
+        backup.disk.mount().onFrozen([&] {
+            closer = host::spawn("closer", [] { closeAllAMS(); });
+            // Until it has taken the session out of the table.
+            ASSERT_TRUE(eventually([&] { return backup.session() == nullptr; }));
         });
-    }
+        auto before = backup.block(3);
+        EXPECT_EQ(backup.snap(key), 0);
+        backup.disk.mount().onFrozen({});
+        // It saw nothing of what was written last.
+        EXPECT_EQ(backup.b()->blockMap.map, nullptr);
+        closer.join();
+        EXPECT_EQ(stateOf(backup), unsigned{BACKUP_SNAPPED});
+        EXPECT_EQ(atomic_read(&curAllocAMPages), 0);
+        // The snapshot is kept all the same.
+        EXPECT_EQ(functionOf(backup.disk.disk().queue()), zelMRF);
+        EXPECT_EQ(backup.write(3, 1, 0x33), 0);
+        std::vector<char> kept(4096);
+        ASSERT_EQ(cacheRead(backup.b(), kept.data(), 3), 4096u);
+        EXPECT_EQ(std::memcmp(kept.data(), before.data(), 4096), 0);
+    });
 }
 
 TEST_F(Snapshots, ClosingSessionsDoesNotEndARunningBackup)

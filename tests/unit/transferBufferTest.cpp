@@ -455,32 +455,29 @@ TEST_F(TransferBuffer, UnmappingWaitsForAReadIntoTheMapping)
 // Of the first slot too, which faults of a duplicated mapping look into.
 TEST_F(TransferBuffer, AFaultDuringAnUnmapGetsAPageOrNone)
 {
-    for (std::uint64_t seed = 1; seed <= 20; seed++) {
-        restart(test::seeded(seed));
-        withModule([this, seed](ModuleRun &) {
-            Started backup(4096, 1);
-            std::uint32_t address = 0;
-            ASSERT_EQ(backup.map(1, &address), 0);
-            struct file file;
-            file.privateData = backup.b;
-            struct vm_area_struct copy;
-            copy.start = 0x40000;
-            copy.end = 0x41000;
-            copy.file = &file;
-            std::vector<host::Task> tasks;
-            for (int i = 0; i < 3; i++) {
-                tasks.push_back(host::spawn("faulting", [&] {
-                    while (struct page *shown = zelVMnopage(&copy, 0x40000))
-                        __free_pages(shown, 0);
-                }));
-            }
-            host::sleepNanoseconds(seed * 1000);
-            EXPECT_EQ(backup.agent.unmapBuffer(address), 0);
-            for (host::Task &task : tasks)
-                task.join();
-            EXPECT_EQ(kernel().violations(), Lines()) << "seed " << seed;
-        });
-    }
+    forSeeds(20, [this](ModuleRun &) {
+        Started backup(4096, 1);
+        std::uint32_t address = 0;
+        ASSERT_EQ(backup.map(1, &address), 0);
+        struct file file;
+        file.privateData = backup.b;
+        struct vm_area_struct copy;
+        copy.start = 0x40000;
+        copy.end = 0x41000;
+        copy.file = &file;
+        std::vector<host::Task> tasks;
+        for (int i = 0; i < 3; i++) {
+            tasks.push_back(host::spawn("faulting", [&] {
+                while (struct page *shown = zelVMnopage(&copy, 0x40000))
+                    __free_pages(shown, 0);
+            }));
+        }
+        host::sleepNanoseconds(1000 * (1 + host::randomNumber() % 20));
+        EXPECT_EQ(backup.agent.unmapBuffer(address), 0);
+        for (host::Task &task : tasks)
+            task.join();
+        EXPECT_EQ(kernel().violations(), Lines());
+    });
 }
 
 } // namespace

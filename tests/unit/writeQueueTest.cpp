@@ -119,36 +119,32 @@ TEST_F(WriteQueue, EachRequestIsOneWakeUp)
 
 TEST_F(WriteQueue, ManyProducersLoseNothing)
 {
-    for (unsigned seed = 1; seed <= 10 && !HasFailure(); seed++) {
-        SCOPED_TRACE("seed " + std::to_string(seed));
-        restart(test::seeded(seed));
-        withModule([](ModuleRun &) {
-            OpenRecord record;
-            std::vector<host::Task> tasks;
-            for (unsigned t = 0; t < 4; t++)
-                tasks.push_back(host::spawn("producer", [&record, t] {
-                    for (unsigned i = 0; i < 5; i++)
-                        addMRToQueue(record.get(), newMR(queueName, bioName, {t, i}));
-                }));
-            unsigned next[4] = {};
-            for (unsigned taken = 0; taken < 20;) {
-                MakeRequest *mr = getTopMR(record.get());
-                if (mr == nullptr) {
-                    host::yield();
-                    continue;
-                }
-                EXPECT_EQ(mr->endBN, next[mr->startBN]++);
-                closeMR(mr);
-                taken++;
+    forSeeds(10, [](ModuleRun &) {
+        OpenRecord record;
+        std::vector<host::Task> tasks;
+        for (unsigned t = 0; t < 4; t++)
+            tasks.push_back(host::spawn("producer", [&record, t] {
+                for (unsigned i = 0; i < 5; i++)
+                    addMRToQueue(record.get(), newMR(queueName, bioName, {t, i}));
+            }));
+        unsigned next[4] = {};
+        for (unsigned taken = 0; taken < 20;) {
+            MakeRequest *mr = getTopMR(record.get());
+            if (mr == nullptr) {
+                host::yield();
+                continue;
             }
-            for (host::Task &task : tasks)
-                task.join();
-            EXPECT_EQ(getTopMR(record.get()), nullptr);
-            EXPECT_EQ(atomic_read(&record->mrInQueue), 20);
-            atomic_set(&record->mrInQueue, 0);
-            EXPECT_EQ(countOf(&signalThread), 21);
-        });
-    }
+            EXPECT_EQ(mr->endBN, next[mr->startBN]++);
+            closeMR(mr);
+            taken++;
+        }
+        for (host::Task &task : tasks)
+            task.join();
+        EXPECT_EQ(getTopMR(record.get()), nullptr);
+        EXPECT_EQ(atomic_read(&record->mrInQueue), 20);
+        atomic_set(&record->mrInQueue, 0);
+        EXPECT_EQ(countOf(&signalThread), 21);
+    });
 }
 
 /* Start and stop. */
