@@ -178,7 +178,7 @@ AutoMapSession *BackupRun::session(unsigned partition) const
     return *amListSlot(disk.major(partition), disk.minor(partition));
 }
 
-void BackupRun::track(unsigned partition)
+AMSessionKey BackupRun::track(unsigned partition)
 {
     OpenRecord other;
     EXPECT_EQ(startBackup(other, disk.device(partition), disk.blocks(partition), 16), 0);
@@ -186,6 +186,7 @@ void BackupRun::track(unsigned partition)
     EXPECT_EQ(
         ioctlSnapShot(other.get(), ModuleRun::user<AMSessionKey>(run.put(&key, sizeof(key))), 56),
         0);
+    return session(partition)->sessionKey;
 }
 
 std::vector<unsigned char> BackupRun::block(unsigned number, unsigned partition) const
@@ -227,6 +228,11 @@ void BackupRun::holdModuleReads()
 host::Task BackupRun::closeInTask()
 {
     return host::spawn("closer", [this] { record.close(); });
+}
+
+unsigned stateOf(const BackupRun &backup)
+{
+    return backupState(backup.b());
 }
 
 } // namespace test

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <set>
@@ -126,8 +127,9 @@ public:
 
     // The partition's session without a reference, or NULL.
     AutoMapSession *session(unsigned partition = 1) const;
-    // Makes the partition tracked by a backup of its own that ends at once.
-    void track(unsigned partition);
+    // Makes the partition tracked by a backup of its own that ends at once. The key with which the
+    // next one can go on.
+    AMSessionKey track(unsigned partition);
 
     // Blocks on the medium, and as bios to the partition's device.
     std::vector<unsigned char> block(unsigned number, unsigned partition = 1) const;
@@ -152,4 +154,11 @@ private:
     unsigned partition_ = 1;
 };
 
+unsigned stateOf(const BackupRun &backup);
+
 } // namespace test
+
+inline bool operator==(const AMSessionKey &a, const AMSessionKey &b)
+{
+    return std::memcmp(&a, &b, sizeof(a)) == 0;
+}

@@ -26,6 +26,7 @@ using test::ModuleRun;
 using test::OpenRecord;
 using test::ownFunctionOf;
 using test::startBackup;
+using test::stateOf;
 using test::takeLog;
 
 const std::string started = "<6>ioctlStartBackup: backup started for device major=8 minor=1\n";
@@ -34,11 +35,6 @@ const std::string threadExiting = "<6>backup_cache: backupd thread exiting\n";
 const std::string finished = "<6>closeBackup: backup finished device major=8 minor=1\n";
 const std::string rejected = "<3>ioctlStartBackup: another backup operation is open can't start "
                              "backup on device major=8 minor=1\n";
-
-unsigned stateOf(const BackupRun &backup)
-{
-    return backupState(backup.b());
-}
 
 class BackupStart : public test::ModuleTest
 {

@@ -15,17 +15,15 @@ namespace
 {
 
 using host::Fault;
-using test::AsyncBio;
 using test::BackupRun;
 using test::eventually;
-using test::fallsAsleep;
 using test::functionOf;
 using test::inMap;
 using test::Lines;
 using test::ModuleRun;
-using test::OpenRecord;
 using test::ownFunctionOf;
 using test::startBackup;
+using test::stateOf;
 using test::takeLog;
 
 const std::string goingToFreeze = "<3>ioctlSnapShot: Going to freez: 8.1\n";
@@ -34,29 +32,6 @@ const std::string mismatch = "<3>ioctlSnapShot: session key mismatch\n";
 class Snapshots : public test::ModuleTest
 {
 };
-
-bool operator==(const AMSessionKey &a, const AMSessionKey &b)
-{
-    return std::memcmp(&a, &b, sizeof(a)) == 0;
-}
-
-unsigned stateOf(const BackupRun &backup)
-{
-    return backupState(backup.b());
-}
-
-AMSessionKey keyOf(const BackupRun &backup)
-{
-    return backup.session()->sessionKey;
-}
-
-// Makes the device tracked and gives the key with which the next backup can go on.
-AMSessionKey track(BackupRun &backup)
-{
-    backup.track(1);
-    takeLog();
-    return keyOf(backup);
-}
 
 /* Time. */
 
@@ -147,7 +122,8 @@ TEST_F(Snapshots, TheRightKeyHandsOverWhatChanged)
 {
     withModule([](ModuleRun &run) {
         BackupRun backup(run);
-        AMSessionKey key = track(backup);
+        AMSessionKey key = backup.track(1);
+        takeLog();
         ASSERT_EQ(backup.write(3, 2, 0x33), 0);
         AutoMapSession *ams = backup.session();
         ASSERT_EQ(backup.start(), 0);
@@ -169,7 +145,7 @@ TEST_F(Snapshots, TheRightKeyHandsOverWhatChanged)
         }
         EXPECT_EQ(atomic_read(&b->totalAllocPages), total + 1);
         EXPECT_EQ(atomic_read(&b->curAllocPages), current + 1);
-        EXPECT_FALSE(keyOf(backup) == key);
+        EXPECT_FALSE(backup.session()->sessionKey == key);
         // The session goes on with the empty map.
         ASSERT_EQ(backup.write(9, 1, 0x99), 0);
         EXPECT_TRUE(inMap(ams->map, 9));
@@ -181,7 +157,8 @@ TEST_F(Snapshots, AWrongKeyChangesNothing)
 {
     withModule([](ModuleRun &run) {
         BackupRun backup(run);
-        AMSessionKey key = track(backup);
+        AMSessionKey key = backup.track(1);
+        takeLog();
         ASSERT_EQ(backup.write(3, 1, 0x33), 0);
         ASSERT_EQ(backup.start(), 0);
         takeLog();
@@ -192,7 +169,7 @@ TEST_F(Snapshots, AWrongKeyChangesNothing)
         EXPECT_EQ(takeLog(), Lines{mismatch});
         EXPECT_EQ(stateOf(backup), unsigned{BACKUP_STARTED});
         EXPECT_EQ(functionOf(backup.disk.disk().queue()), zelAMRF);
-        EXPECT_TRUE(keyOf(backup) == key);
+        EXPECT_TRUE(backup.session()->sessionKey == key);
         EXPECT_TRUE(inMap(backup.session()->map, 3));
         EXPECT_EQ(atomic_read(&backup.session()->users), 1);
         EXPECT_EQ(host::memoryUse(), before);
@@ -206,7 +183,8 @@ TEST_F(Snapshots, AShortKeyEndsInZeros)
 {
     withModule([](ModuleRun &run) {
         BackupRun backup(run);
-        AMSessionKey key = track(backup);
+        AMSessionKey key = backup.track(1);
+        takeLog();
         std::memset(&backup.session()->sessionKey.key[40], 0, 16);
         std::memset(&key.key[40], 0xee, 16);
         ASSERT_EQ(backup.start(), 0);
@@ -221,7 +199,8 @@ TEST_F(Snapshots, NoMoreThanAKeyIsRead)
 {
     withModule([](ModuleRun &run) {
         BackupRun backup(run);
-        AMSessionKey key = track(backup);
+        AMSessionKey key = backup.track(1);
+        takeLog();
         ASSERT_EQ(backup.start(), 0);
         std::uint32_t address = run.process().allocateBeforeHole(sizeof(key));
         *run.process().pointer<AMSessionKey>(address) = key;
@@ -234,7 +213,8 @@ TEST_F(Snapshots, TheSwitchEndsTracking)
 {
     withModule([](ModuleRun &run) {
         BackupRun backup(run);
-        track(backup);
+        backup.track(1);
+        takeLog();
         ASSERT_EQ(backup.start(), 0);
         ASSERT_EQ(ioctlNoStartAutoMap(backup.b()), 0);
         // Not even the key matters.
@@ -251,7 +231,8 @@ TEST_F(Snapshots, TheOtherSwitchBeginsANewSession)
 {
     withModule([](ModuleRun &run) {
         BackupRun backup(run);
-        AMSessionKey key = track(backup);
+        AMSessionKey key = backup.track(1);
+        takeLog();
         ASSERT_EQ(backup.write(3, 1, 0x33), 0);
         ASSERT_EQ(backup.start(), 0);
         ASSERT_EQ(ioctlNoLoadFromAutoMap(backup.b()), 0);
@@ -260,7 +241,7 @@ TEST_F(Snapshots, TheOtherSwitchBeginsANewSession)
         EXPECT_EQ(amsState(backup.session()), unsigned{AMS_IN_SYNC});
         EXPECT_FALSE(inMap(backup.session()->map, 3));
         EXPECT_EQ(backup.b()->blockMap.map, nullptr);
-        EXPECT_FALSE(keyOf(backup) == key);
+        EXPECT_FALSE(backup.session()->sessionKey == key);
     });
 }
 
@@ -268,7 +249,8 @@ TEST_F(Snapshots, ASessionOutOfSyncIsReplaced)
 {
     withModule([](ModuleRun &run) {
         BackupRun backup(run);
-        AMSessionKey key = track(backup);
+        AMSessionKey key = backup.track(1);
+        takeLog();
         ASSERT_EQ(backup.write(3, 1, 0x33), 0);
         setAMSState(backup.session(), AMS_NOT_IN_SYNC);
         ASSERT_EQ(backup.start(), 0);
@@ -285,7 +267,8 @@ TEST_F(Snapshots, AResizedDeviceGetsANewSession)
 {
     withModule([](ModuleRun &run) {
         BackupRun backup(run);
-        AMSessionKey key = track(backup);
+        AMSessionKey key = backup.track(1);
+        takeLog();
         unsigned grown = backup.disk.blocks() + 17;
         ASSERT_EQ(startBackup(backup.record, backup.disk.device(), grown, 10), 0);
         takeLog();
@@ -342,7 +325,8 @@ TEST_F(Snapshots, WithoutMemoryForTheBackupsMap)
 {
     withModule([](ModuleRun &run) {
         BackupRun backup(run);
-        AMSessionKey key = track(backup);
+        AMSessionKey key = backup.track(1);
+        takeLog();
         ASSERT_EQ(backup.start(), 0);
         host::MemoryUse before = host::memoryUse();
         takeLog();
@@ -356,7 +340,7 @@ TEST_F(Snapshots, WithoutMemoryForTheBackupsMap)
                          "<3>ioctlSnapShot: failed to create new device map\n"}));
         EXPECT_EQ(stateOf(backup), unsigned{BACKUP_STARTED});
         EXPECT_EQ(atomic_read(&backup.session()->users), 1);
-        EXPECT_TRUE(keyOf(backup) == key);
+        EXPECT_TRUE(backup.session()->sessionKey == key);
         EXPECT_EQ(host::memoryUse(), before);
         EXPECT_EQ(backup.snap(key), 0);
         EXPECT_EQ(stateOf(backup), unsigned{BACKUP_SNAPPED});
@@ -401,7 +385,8 @@ TEST_F(Snapshots, ADeviceWithoutAQueueIsNotValid)
 {
     withModule([](ModuleRun &run) {
         BackupRun backup(run);
-        AMSessionKey key = track(backup);
+        AMSessionKey key = backup.track(1);
+        takeLog();
         ASSERT_EQ(backup.start(), 0);
         struct gendisk *disk = backup.disk.bdev()->bd_disk.exchange(nullptr);
         takeLog();
@@ -410,7 +395,7 @@ TEST_F(Snapshots, ADeviceWithoutAQueueIsNotValid)
         EXPECT_EQ(takeLog(), (Lines{"<3>ioctlSnapShot: device major=8 minor=1 not valid\n"}));
         EXPECT_EQ(stateOf(backup), unsigned{BACKUP_STARTED});
         // Its key was renewed before.
-        EXPECT_FALSE(keyOf(backup) == key);
+        EXPECT_FALSE(backup.session()->sessionKey == key);
         EXPECT_EQ(atomic_read(&backup.session()->users), 1);
     });
 }
@@ -460,13 +445,14 @@ TEST_F(Snapshots, AMapOfAFailedSnapshotIsReleased)
 {
     withModule([](ModuleRun &run) {
         BackupRun backup(run);
-        AMSessionKey key = track(backup);
+        AMSessionKey key = backup.track(1);
+        takeLog();
         ASSERT_EQ(backup.start(), 0);
         host::MemoryUse before = host::memoryUse();
         int pages = atomic_read(&backup.b()->curAllocPages);
         struct gendisk *disk = backup.disk.bdev()->bd_disk.exchange(nullptr);
         for (int i = 0; i < 3; i++) {
-            EXPECT_EQ(backup.snap(i == 0 ? key : keyOf(backup)), 2);
+            EXPECT_EQ(backup.snap(i == 0 ? key : backup.session()->sessionKey), 2);
             EXPECT_NE(backup.b()->blockMap.map, nullptr);
             EXPECT_EQ(atomic_read(&backup.b()->curAllocPages), pages + 1);
         }
@@ -477,174 +463,6 @@ TEST_F(Snapshots, AMapOfAFailedSnapshotIsReleased)
         EXPECT_EQ(backup.snap(), 0);
         EXPECT_EQ(backup.b()->blockMap.map, nullptr);
         EXPECT_EQ(atomic_read(&backup.b()->curAllocPages), pages);
-    });
-}
-
-/* The point in time. */
-
-TEST_F(Snapshots, TheFileSystemIsFlushedAndFrozenMeanwhile)
-{
-    withModule([](ModuleRun &run) {
-        BackupRun backup(run);
-        ASSERT_EQ(backup.start(), 0);
-        std::uint64_t generation = backup.disk.fs().write(5, 1);
-        bool frozen = false;
-        unsigned state = 0;
-        make_request_fn *function = nullptr;
-        backup.disk.mount().onFrozen([&] {
-            frozen = backup.disk.mount().gate().frozen();
-            state = stateOf(backup);
-            function = functionOf(backup.disk.disk().queue());
-        });
-        ASSERT_EQ(backup.snap(), 0);
-        backup.disk.mount().onFrozen({});
-        EXPECT_TRUE(frozen);
-        EXPECT_EQ(state, unsigned{BACKUP_STARTED});
-        EXPECT_EQ(function, zelMRF);
-        EXPECT_FALSE(backup.disk.mount().gate().frozen());
-        std::vector<unsigned char> expected(4096);
-        host::SyntheticFs::render(5, generation, 4096, expected.data());
-        EXPECT_EQ(backup.block(5), expected);
-        // What the freeze flushed belongs to the time before.
-        EXPECT_EQ(atomic_read(&backup.b()->totalAllocCPs), 0);
-        EXPECT_FALSE(inMap(backup.session()->map, 5));
-    });
-}
-
-TEST_F(Snapshots, WhatTheFreezeFlushesIsInTheMapHandedOver)
-{
-    withModule([](ModuleRun &run) {
-        BackupRun backup(run);
-        AMSessionKey key = track(backup);
-        ASSERT_EQ(backup.start(), 0);
-        backup.disk.fs().write(5, 1);
-        ASSERT_EQ(backup.snap(key), 0);
-        EXPECT_TRUE(inMap(backup.b()->blockMap, 5));
-        EXPECT_FALSE(inMap(backup.session()->map, 5));
-    });
-}
-
-TEST_F(Snapshots, TheStateChangesWhenNoHookIsBetweenTestAndQueue)
-{
-    withModule([](ModuleRun &run) {
-        BackupRun backup(run);
-        ASSERT_EQ(backup.start(), 0);
-        down_read(&backup.b()->writers);
-        int result = -1;
-        host::Task snapper = host::spawn("snapper", [&] { result = backup.snap(); });
-        EXPECT_TRUE(eventually([] { return host::countLog("Going to freez") == 1; }));
-        EXPECT_TRUE(fallsAsleep(snapper));
-        EXPECT_EQ(stateOf(backup), unsigned{BACKUP_STARTED});
-        EXPECT_TRUE(backup.disk.mount().gate().frozen());
-        up_read(&backup.b()->writers);
-        snapper.join();
-        EXPECT_EQ(result, 0);
-        EXPECT_EQ(stateOf(backup), unsigned{BACKUP_SNAPPED});
-    });
-}
-
-// The key and the maps change when nobody else looks at the session.
-TEST_F(Snapshots, OthersUsingTheSessionAreWaitedFor)
-{
-    withModule([](ModuleRun &run) {
-        BackupRun backup(run);
-        AMSessionKey key = track(backup);
-        ASSERT_EQ(backup.start(), 0);
-        AutoMapSession *ams = getAMS(8, 1);
-        ASSERT_NE(ams, nullptr);
-        int result = -1;
-        host::Task snapper = host::spawn("snapper", [&] { result = backup.snap(key); });
-        for (int i = 0; i < 100; i++)
-            host::sleepNanoseconds(10'000);
-        EXPECT_FALSE(snapper.ended());
-        EXPECT_TRUE(ams->sessionKey == key);
-        leaveUsers(&ams->users);
-        snapper.join();
-        EXPECT_EQ(result, 0);
-        EXPECT_FALSE(keyOf(backup) == key);
-    });
-}
-
-// An empty map would tell the agent that nothing has changed.
-TEST_F(Snapshots, ASessionThatFallsOutOfSyncMeanwhileHandsOverNothing)
-{
-    withModule([](ModuleRun &run) {
-        BackupRun backup(run);
-        AMSessionKey key = track(backup);
-        ASSERT_EQ(backup.write(3, 1, 0x33), 0);
-        ASSERT_EQ(backup.start(), 0);
-        int pages = atomic_read(&backup.b()->curAllocPages);
-        backup.disk.mount().onFrozen([&] { setAMSState(backup.session(), AMS_NOT_IN_SYNC); });
-        EXPECT_EQ(backup.snap(key), 0);
-        backup.disk.mount().onFrozen({});
-        EXPECT_EQ(stateOf(backup), unsigned{BACKUP_SNAPPED});
-        EXPECT_EQ(amsState(backup.session()), unsigned{AMS_IN_SYNC});
-        EXPECT_EQ(backup.b()->blockMap.map, nullptr);
-        EXPECT_EQ(atomic_read(&backup.b()->curAllocPages), pages);
-    });
-}
-
-// The shut-down command closes sessions at any time.
-TEST_F(Snapshots, ASessionClosedMeanwhileIsNotUsedAfterItsEnd)
-{
-    forSeeds(40, [](ModuleRun &run) {
-        BackupRun backup(run, {.mebibytes = 1});
-        AMSessionKey key = track(backup);
-        ASSERT_EQ(backup.start(), 0);
-        host::Task closer;
-        backup.disk.mount().onFrozen([&] {
-            closer = host::spawn("closer", [] { closeAllAMS(); });
-            // Until it has taken the session out of the table.
-            ASSERT_TRUE(eventually([&] { return backup.session() == nullptr; }));
-        });
-        auto before = backup.block(3);
-        EXPECT_EQ(backup.snap(key), 0);
-        backup.disk.mount().onFrozen({});
-        // It saw nothing of what was written last.
-        EXPECT_EQ(backup.b()->blockMap.map, nullptr);
-        closer.join();
-        EXPECT_EQ(stateOf(backup), unsigned{BACKUP_SNAPPED});
-        EXPECT_EQ(atomic_read(&curAllocAMPages), 0);
-        // The snapshot is kept all the same.
-        EXPECT_EQ(functionOf(backup.disk.disk().queue()), zelMRF);
-        EXPECT_EQ(backup.write(3, 1, 0x33), 0);
-        std::vector<char> kept(4096);
-        ASSERT_EQ(cacheRead(backup.b(), kept.data(), 3), 4096u);
-        EXPECT_EQ(std::memcmp(kept.data(), before.data(), 4096), 0);
-    });
-}
-
-TEST_F(Snapshots, ClosingSessionsDoesNotEndARunningBackup)
-{
-    withModule([](ModuleRun &run) {
-        BackupRun backup(run, {.blockSizes = {4096, 4096}});
-        backup.track(2);
-        ASSERT_TRUE(backup.begin());
-        EXPECT_EQ(zelShutdown(), 0);
-        EXPECT_EQ(backup.session(1), nullptr);
-        EXPECT_EQ(backup.session(2), nullptr);
-        struct request_queue *q = backup.disk.disk().queue();
-        EXPECT_EQ(functionOf(q), zelMRF);
-        EXPECT_EQ(isInQueueList(q, backup.disk.device(1)), 1);
-        EXPECT_EQ(isInQueueList(q, backup.disk.device(2)), 0);
-        EXPECT_EQ(backup.write(3, 1, 0x33), 0);
-        EXPECT_EQ(atomic_read(&backup.b()->totalAllocCPs), 1);
-        backup.record.close();
-        EXPECT_EQ(functionOf(q), ownFunctionOf(q));
-    });
-}
-
-// A failure found by another task is final.
-TEST_F(Snapshots, ARecordRejectedMeanwhileStaysRejected)
-{
-    withModule([](ModuleRun &run) {
-        BackupRun backup(run);
-        ASSERT_EQ(backup.start(), 0);
-        backup.disk.mount().onFrozen(
-            [&] { EXPECT_EQ(ioctlStartBackup(backup.b(), backup.disk.device(), 10, 10), 9); });
-        EXPECT_EQ(backup.snap(), 0);
-        backup.disk.mount().onFrozen({});
-        EXPECT_EQ(stateOf(backup), unsigned{BACKUP_REJECTED});
     });
 }
 
