@@ -191,6 +191,28 @@ TEST_F(ReadBlocksCommand, ReadsAndWritesAtAllMomentsGiveTheSnapshot)
     });
 }
 
+// Also if the cache thread has saved it meanwhile, and marks it just when the reader takes it.
+TEST_F(ReadBlocksCommand, ADeliveredBlockCanBeReadAgain)
+{
+    forSeeds(400, [](ModuleRun &run) {
+        BackupRun backup(run, {.mebibytes = 1});
+        ASSERT_TRUE(backup.begin());
+        ASSERT_EQ(backup.load(), 0);
+        MappedBuffer buffer(backup.record, 1);
+        backup.holdModuleReads();
+        AsyncBio write = backup.writeAsync(5, 1, 0x77);
+        int result = -1;
+        host::Task reader = host::spawn("reader", [&] { result = backup.read(5, 1, buffer); });
+        ASSERT_TRUE(eventually([&] { return backup.disk.disk().heldCount() == 2; }));
+        backup.disk.disk().release();
+        reader.join();
+        EXPECT_EQ(result, 0);
+        ASSERT_TRUE(eventually([&] { return atomic_read(&backup.b()->mrInQueue) == 0; }));
+        EXPECT_EQ(backup.read(5, 1, buffer), 0);
+        EXPECT_TRUE(eventually([&] { return write.ended(); }));
+    });
+}
+
 /* Refusals. */
 
 TEST_F(ReadBlocksCommand, OtherStatesAreRefused)

@@ -164,6 +164,7 @@ void closeBlockTable(Backup *b);
 int newDataCaches(Backup *b, kernel_dev_t dev);
 int doWeCacheBlock(Backup *b, unsigned int bn);
 int saveBlock(Backup *b, const char *data, unsigned int bn);
+void markWritten(Backup *b, unsigned int bn);
 unsigned int cacheRead(Backup *b, char *dest, unsigned int bn);
 unsigned int readFromCache(Backup *b, unsigned int startBN, unsigned int count, BackupVMA *vma);
 void readCheckCache(Backup *b, unsigned int startBN, unsigned int count, BackupVMA *vma);

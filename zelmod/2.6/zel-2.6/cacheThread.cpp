@@ -29,8 +29,7 @@ void processMR(Backup *b, MakeRequest *mr)
     callRealMRF(b, mr->bio);
     if (dir == WRITE) {
         for (u64 bn = mr->startBN; bn <= mr->endBN; bn++)
-            if (doWeCacheBlock(b, static_cast<unsigned int>(bn)) != 0)
-                setBlock(&b->cacheMap, static_cast<unsigned int>(bn));
+            markWritten(b, static_cast<unsigned int>(bn));
     }
     smp_mb();
     atomic_dec(&b->mrInQueue);

@@ -175,6 +175,17 @@ int saveBlock(Backup *b, const char *data, unsigned int bn)
     return 0;
 }
 
+/* A write to the block has been passed on: it is taken care of, if it still had to be. A reader
+ * that takes its entry away comes before or after, never in between: a mark without an entry would
+ * make every further read of the block fail. */
+void markWritten(Backup *b, unsigned int bn)
+{
+    ReadGuard user(&b->cacheUsers);
+    SemaphoreGuard bucket(&bucketOf(b, bn)->sem);
+    if (doWeCacheBlock(b, bn) != 0)
+        setBlock(&b->cacheMap, bn);
+}
+
 /* The block's entry, or NULL. `*prev` becomes the entry before it, unless it is the first. */
 CachePage *locateBlockInList(CachePage *list, unsigned int bn, CachePage **prev)
 {
