@@ -343,7 +343,12 @@ hd_struct *disk_part(gendisk *disk, int number)
         if (!holdsMutex)
             reportViolation("partition table without bd_mutex", "disk_part by " + currentName());
     }
-    return number >= 0 && number < disk->part_tbl_len ? disk->part_tbl[number] : nullptr;
+    if (number < 0 || number >= disk->part_tbl_len) {
+        reportViolation("partition table overrun",
+                        "slot " + std::to_string(number) + " by " + currentName());
+        return nullptr;
+    }
+    return disk->part_tbl[number];
 }
 
 sector_t get_capacity(gendisk *disk)

@@ -44,8 +44,9 @@ SEAM(struct block_device *, bdev_contains, (struct block_device * bdev));
  * bios meanwhile. */
 SEAM(struct mutex *, bdev_mutex, (struct block_device * bdev));
 
-/* Disks and their partitions. Partition numbers start at 1; disk_part may give NULL. The table is
- * stable while the whole disk's bdev_mutex is held. */
+/* Disks and their partitions. Partition numbers start at 1; disk_part takes those below
+ * disk_part_tbl_len and may give NULL. The table is stable while the whole disk's bdev_mutex is
+ * held. */
 SEAM(struct request_queue *, disk_queue, (struct gendisk * disk));
 SEAM(int, disk_first_minor, (struct gendisk * disk));
 SEAM(int, disk_minors, (struct gendisk * disk));

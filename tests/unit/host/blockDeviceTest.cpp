@@ -155,6 +155,20 @@ TEST_P(BlockDeviceTest, thePartitionTableListsPartitionsByNumber)
     });
 }
 
+TEST_P(BlockDeviceTest, readingPastThePartitionTableIsReported)
+{
+    inKernel([] {
+        std::unique_ptr<Disk> disk = partitionedDisk();
+        struct block_device *whole = host::openDevice(disk->device());
+        struct gendisk *gendisk = bdev_disk(whole);
+        mutex_lock(bdev_mutex(whole));
+        EXPECT_EQ(disk_part(gendisk, disk_part_tbl_len(gendisk)), nullptr);
+        mutex_unlock(bdev_mutex(whole));
+        host::closeDevice(whole);
+    });
+    expectViolation("partition table overrun");
+}
+
 TEST_P(BlockDeviceTest, readingThePartitionTableWithoutTheMutexIsReported)
 {
     inKernel([] {
