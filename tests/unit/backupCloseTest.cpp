@@ -159,6 +159,8 @@ TEST_F(BackupClose, HeldWritesArePassedOnFirst)
         std::vector<AsyncBio> writes;
         for (unsigned char i = 0; i < 8; i++)
             writes.push_back(backup.writeAsync(i, 1, i + 1));
+        // What the thread has not begun with when the close begins is passed on unsaved.
+        ASSERT_TRUE(eventually([&] { return backup.disk.disk().heldCount() == 1; }));
         host::Task closer = backup.closeInTask();
         EXPECT_TRUE(eventually([&] { return backupState(loadActiveSession()) == 7; }));
         for (int i = 0; i < 100; i++)
@@ -185,6 +187,7 @@ TEST_F(BackupClose, NewWritesWaitUntilTheTearDownIsOver)
         ASSERT_TRUE(backup.begin());
         backup.holdModuleReads();
         AsyncBio held = backup.writeAsync(3, 1, 0x33);
+        ASSERT_TRUE(eventually([&] { return backup.disk.disk().heldCount() == 1; }));
         struct mutex *tableMutex = bdev_mutex(backup.disk.bdev()->bd_contains);
         mutex_lock(tableMutex);
         std::atomic<bool> written{false};

@@ -123,6 +123,19 @@ TEST_F(BioRange, ABiosFirstSectorSaysItsDevice)
     });
 }
 
+TEST_F(BioRange, OfPartitionsThatOverlapTheFirstOneCounts)
+{
+    withModule([](ModuleRun &) {
+        auto disk = host::Disk::attach(8192);
+        ASSERT_TRUE(disk->partition({{1, 63, 1000}, {2, 500, 1000}, {3, 600, 100}}));
+        struct block_device *whole = host::openDevice(disk->device(0));
+        EXPECT_EQ(BIOToMinor(FreeBio(whole, 499, 512)), 1);
+        EXPECT_EQ(BIOToMinor(FreeBio(whole, 650, 512)), 1);
+        EXPECT_EQ(BIOToMinor(FreeBio(whole, 1063, 512)), 2);
+        host::closeDevice(whole);
+    });
+}
+
 TEST_F(BioRange, PartitionsBeyondTheDisksMinorsAreNotLookedAt)
 {
     withModule([](ModuleRun &) {

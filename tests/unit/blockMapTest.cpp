@@ -4,7 +4,7 @@
 #include <host/faults.h>
 #include <host/memory.h>
 
-#include "support/moduleTest.h"
+#include "support/backupRun.h"
 
 namespace
 {
@@ -324,6 +324,23 @@ TEST_P(BlockMapUsers, BitsSetAtOnceAreAllThere)
         for (unsigned i = 0; i < 8; i++)
             EXPECT_EQ(map.byte(i), 0xff);
         EXPECT_EQ(atomic_read(&map->users), 1);
+    });
+}
+
+TEST_P(BlockMapUsers, WhoeverChangesABitIsInside)
+{
+    withModule([](ModuleRun &) {
+        Map map;
+        ASSERT_EQ(map.create(64, nullptr, 1), 0);
+        for (int (*operation)(BlockMap *, unsigned) : {setBlock, unSetBlock, blockInMap}) {
+            down(&map->sem);
+            host::Task task = host::spawn("task", [&] { operation(map, 3); });
+            EXPECT_TRUE(test::fallsAsleep(task));
+            EXPECT_EQ(atomic_read(&map->users), 2);
+            up(&map->sem);
+            task.join();
+            EXPECT_EQ(atomic_read(&map->users), 1);
+        }
     });
 }
 

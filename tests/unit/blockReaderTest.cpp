@@ -196,6 +196,29 @@ TEST_F(BlockReader, AFailedBioSaysWhereItFailed)
     });
 }
 
+TEST_F(BlockReader, TheFlagAndNotTheErrorSaysWhetherABioIsWhole)
+{
+    withModule([](ModuleRun &run) {
+        BackupRun backup(run);
+        ASSERT_EQ(backup.start(), 0);
+        struct page *page = alloc_pages(GFP_NOIO, 0);
+        takeLog();
+        for (bool whole : {true, false}) {
+            struct buffer_head *bh = allocBH();
+            struct bio *bio = allocBIO();
+            initBH(backup.b(), bh, page, 0, 5);
+            initBIO(backup.b(), bio, bh);
+            bio->uptodate = whole;
+            host::runInInterrupt([&] { zelBIOEndIO(bio, whole ? -KERNEL_EIO : 0); });
+            EXPECT_EQ(buffer_uptodate(bh) != 0, whole);
+            EXPECT_EQ(takeLog().size(), whole ? 0u : 2u);
+            bio_put(bio);
+            releaseBH(bh);
+        }
+        __free_pages(page, 0);
+    });
+}
+
 // The completion unlocks before it drops its reference: whoever is woken must not free it between.
 TEST_F(BlockReader, ABufferHeadIsNotFreedUnderItsCompletion)
 {
@@ -403,6 +426,22 @@ TEST_F(BlockReader, NoAllocationIsRefused)
     });
 }
 
+// Nothing may be written out to find memory: it may be to the device that is read.
+TEST_F(BlockReader, AReadStartsNoOtherIO)
+{
+    withModule([](ModuleRun &run) {
+        BackupRun backup(run);
+        ASSERT_TRUE(backup.begin());
+        MappedBuffer buffer(backup.record, 2);
+        {
+            host::IoPathScope onIoPath;
+            EXPECT_EQ(readBlocks(backup.b(), 20, 2, buffer.slot()), 2u);
+        }
+        EXPECT_EQ(waitForSubmitted(backup.b(), 20, 2), 0);
+        freeSubmitted(backup.b(), 2);
+    });
+}
+
 TEST_F(BlockReader, AVectorBeyondItsPageStopsTheKernel)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -418,7 +457,7 @@ TEST_F(BlockReader, AVectorBeyondItsPageStopsTheKernel)
                      waitForSubmitted(backup.b(), 20, 1);
                  }),
                  "kernel BUG in .*<2>waitForSubmitted: BIO segment greater than page size "
-                 "\\(offset=97, length=4000\\)");
+                 "\\(offset=97, length=4000\\)\n");
 }
 
 // The release waits for what is still under way.

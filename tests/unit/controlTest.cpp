@@ -4,9 +4,7 @@
 #include <host/memory.h>
 
 #include "kernel/host/blockInternal.h"
-#include "support/agent.h"
-#include "support/moduleTest.h"
-#include "support/testDisk.h"
+#include "support/backupRun.h"
 
 namespace
 {
@@ -73,6 +71,40 @@ TEST_F(Control, AFailedRegistrationClearsTheSessionTable)
         EXPECT_EQ(amList[8][1], nullptr);
         EXPECT_EQ(amList[255][255], nullptr);
         EXPECT_EQ(atomic_read(&initDone), 0);
+    });
+}
+
+// Its memory is zero then anyhow.
+TEST_F(Control, ALoadThatWorksLeavesTheSessionTableAlone)
+{
+    inKernel([] {
+        host::ModuleImage image = test::zelmodImage();
+        image.init = initWithLeftovers;
+        test::LoadedModule module(0, image);
+        EXPECT_NE(amList[8][1], nullptr);
+        EXPECT_NE(amList[255][255], nullptr);
+        amList[8][1] = nullptr;
+        amList[255][255] = nullptr;
+    });
+}
+
+int unloadResult;
+
+void exitAskingForTheResult()
+{
+    unloadResult = zelUnload();
+}
+
+TEST_F(Control, UnloadingTellsThatItIsDone)
+{
+    inKernel([] {
+        host::ModuleImage image = test::zelmodImage();
+        image.exit = exitAskingForTheResult;
+        test::LoadedModule module(0, image);
+        unloadResult = -1;
+        EXPECT_EQ(module.unload(), 0);
+        EXPECT_EQ(unloadResult, 0);
+        EXPECT_EQ(host::registeredDevices(), Lines());
     });
 }
 
@@ -231,6 +263,29 @@ TEST_F(Control, ReleasingFreesTheRecordAndTheReference)
         EXPECT_EQ(host::moduleReferences(), before);
         EXPECT_EQ(host::memoryUse().kmallocs, 0u);
         EXPECT_EQ(zelRelease(nullptr, &file), 2);
+    });
+}
+
+TEST_F(Control, ReleasingHoldsTheModuleUntilTheRecordIsTornDown)
+{
+    withModule([](ModuleRun &run) {
+        test::BackupRun backup(run);
+        ASSERT_TRUE(backup.begin());
+        backup.holdModuleReads();
+        test::AsyncBio held = backup.writeAsync(3, 1, 0x33);
+        ASSERT_TRUE(test::eventually([&] { return backup.disk.disk().heldCount() == 1; }));
+        int references = host::moduleReferences();
+        struct file *file = backup.record.file();
+        host::Task closer = backup.closeInTask();
+        ASSERT_TRUE(
+            test::eventually([] { return backupState(loadActiveSession()) == BACKUP_CLOSING; }));
+        // No command finds the record any more.
+        EXPECT_EQ(file->privateData, nullptr);
+        EXPECT_EQ(host::moduleReferences(), references);
+        backup.disk.disk().release();
+        closer.join();
+        // Its own, and the kernel's for the file.
+        EXPECT_EQ(host::moduleReferences(), references - 2);
     });
 }
 

@@ -136,6 +136,22 @@ TEST_F(Dispatcher, EachNumberReachesItsHandler)
     });
 }
 
+TEST_F(Dispatcher, TheLengthOfAnAnswerIsPassedOn)
+{
+    withModule([](ModuleRun &) {
+        test::TestDisk disk;
+        test::Agent agent;
+        BlockSize size;
+        std::memset(&size, 0xee, sizeof(size));
+        EXPECT_EQ(agent.getBlockSize(disk.device(), &size, 8), 0);
+        EXPECT_EQ(size.major, disk.major());
+        EXPECT_EQ(size.minor, disk.minor());
+        EXPECT_EQ(size.blockSize, static_cast<std::int32_t>(0xeeeeeeee));
+        EXPECT_EQ(agent.getBlockSize(disk.device(), &size, sizeof(size)), 0);
+        EXPECT_EQ(size.blockSize, 4096);
+    });
+}
+
 TEST_F(Dispatcher, VersionCommandsWriteFourBytes)
 {
     withModule([](ModuleRun &run) {

@@ -55,6 +55,20 @@ TEST_F(Geometry, ADeviceIsMeasuredInBlocksOfItsFileSystem)
     });
 }
 
+TEST_F(Geometry, TheShiftIsTheLowestBitOfTheSectorsOfABlock)
+{
+    withModule([](ModuleRun &) {
+        auto disk = host::Disk::attach(4096);
+        ASSERT_TRUE(disk->partition({{1, 63, 1000}}));
+        host::Mount mount(disk->device(1), std::make_shared<BareFs>(3072));
+        DiskInfo di{};
+        EXPECT_EQ(getDiskInfo(&di, disk->device(1)), 0);
+        EXPECT_EQ(di.blocksPerPage, 1u);
+        EXPECT_EQ(di.sectorsPerBlock, 6);
+        EXPECT_EQ(di.sectorsPerBlockShift, 1);
+    });
+}
+
 TEST_F(Geometry, AWholeDiskStartsAtItsFirstSector)
 {
     withModule([](ModuleRun &) {

@@ -509,6 +509,7 @@ TEST_F(Hooks, ARecordIsNotFreedUnderAHookThatTookIt)
         ASSERT_TRUE(backup.begin());
         backup.holdModuleReads();
         AsyncBio held = backup.writeAsync(3, 1, 0x33);
+        ASSERT_TRUE(eventually([&] { return backup.disk.disk().heldCount() == 1; }));
         // It enters the hook before the close takes the hook off, and goes on after that.
         struct mutex *tableMutex = bdev_mutex(backup.disk.bdev()->bd_contains);
         mutex_lock(tableMutex);

@@ -88,6 +88,25 @@ TEST_F(PointInTime, TheStateChangesWhenNoHookIsBetweenTestAndQueue)
     });
 }
 
+TEST_F(PointInTime, TheFrozenTimeGoesOnAfterTheFreeze)
+{
+    withModule([](ModuleRun &run) {
+        BackupRun backup(run);
+        ASSERT_EQ(backup.start(), 0);
+        Backup *b = backup.b();
+        down_read(&b->writers);
+        host::Task snapper = host::spawn("snapper", [&] { EXPECT_EQ(backup.snap(), 0); });
+        EXPECT_TRUE(eventually([] { return host::countLog("Going to freez") == 1; }));
+        EXPECT_TRUE(fallsAsleep(snapper));
+        EXPECT_TRUE(eventually([&] { return backup.disk.mount().gate().frozen(); }));
+        host::sleepNanoseconds(60'000'000);
+        up_read(&b->writers);
+        snapper.join();
+        struct kernel_timespec rest = calcTimeDiff(&b->eTimeToFreeze, &b->eTimeFrozen);
+        EXPECT_TRUE(rest.tv_sec > 0 || rest.tv_nsec >= 40'000'000) << rest.tv_nsec;
+    });
+}
+
 // The key and the maps change when nobody else looks at the session.
 TEST_F(PointInTime, OthersUsingTheSessionAreWaitedFor)
 {

@@ -194,6 +194,8 @@ TEST_F(QueueRegistry, MemoryForRecordsIsAskedForUntilItIsThere)
 {
     withModule([](ModuleRun &) {
         Queue q;
+        // And without I/O: a hook may register a device.
+        host::IoPathScope onIoPath;
         host::failNth(host::Fault::kmalloc, 1, 3);
         addQueueToList(q, deviceA);
         EXPECT_EQ(host::faultsInjected(host::Fault::kmalloc), 3u);

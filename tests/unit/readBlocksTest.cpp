@@ -194,7 +194,7 @@ TEST_F(ReadBlocksCommand, ReadsAndWritesAtAllMomentsGiveTheSnapshot)
 // Also if the cache thread has saved it meanwhile, and marks it just when the reader takes it.
 TEST_F(ReadBlocksCommand, ADeliveredBlockCanBeReadAgain)
 {
-    forSeeds(400, [](ModuleRun &run) {
+    forSeeds(200, [](ModuleRun &run) {
         BackupRun backup(run, {.mebibytes = 1});
         ASSERT_TRUE(backup.begin());
         ASSERT_EQ(backup.load(), 0);

@@ -148,6 +148,21 @@ TEST_F(TransferBuffer, ItTakesAStartedBackup)
     });
 }
 
+TEST_F(TransferBuffer, ASpoiltBackupCanStillBeMapped)
+{
+    withModule([](ModuleRun &) {
+        Started backup;
+        for (unsigned state : {BACKUP_SNAPPED, BACKUP_MAP_LOADED, BACKUP_ERR_READ, BACKUP_ERR_MAP,
+                               BACKUP_ERR_CACHE, BACKUP_REJECTED, BACKUP_ERR_QUEUE}) {
+            setBackupState(backup.b, state);
+            std::uint32_t address = 0;
+            EXPECT_EQ(backup.map(1, &address), 0) << state;
+            EXPECT_EQ(backup.agent.unmapBuffer(address), 0) << state;
+        }
+        setBackupState(backup.b, BACKUP_STARTED);
+    });
+}
+
 TEST_F(TransferBuffer, OnlyOffsetZeroIsAccepted)
 {
     withModule([](ModuleRun &) {
@@ -259,6 +274,18 @@ TEST_F(TransferBuffer, AShortageOfPagesAnswers5AndLeavesTheSlotFree)
         std::uint32_t address = 0;
         EXPECT_EQ(backup.map(5, &address), 0);
         EXPECT_EQ(takeLog(), Lines());
+
+        // Nothing is to be called for a mapping that was not made.
+        struct file file;
+        file.privateData = backup.b;
+        struct vm_area_struct vma;
+        vma.end = page;
+        vma.flags = VM_READ;
+        vma.file = &file;
+        host::clearFaults();
+        host::failNth(host::Fault::page, 1);
+        EXPECT_EQ(zelMMAP(&file, &vma), 5);
+        EXPECT_EQ(vma.operations, nullptr);
     });
 }
 
