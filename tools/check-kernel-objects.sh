@@ -2,21 +2,15 @@
 # Compiles the module's sources as for a 32-bit 2.6.30 kernel and looks for what such a kernel's
 # module loader cannot take or does wrong without a word. The kernel need not be there.
 #
-#   tools/check-kernel-objects.sh               check the module's sources
-#   tools/check-kernel-objects.sh --self-test   plant each fault and see that it is found
+#   tools/check-kernel-objects.sh                  check the module's sources
+#   tools/check-kernel-objects.sh --merged OBJECT  check their merged object from a kernel's build
+#   tools/check-kernel-objects.sh --module MODULE  check what that build made of it
+#   tools/check-kernel-objects.sh --self-test      plant each fault and see that it is found
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 
-flags=(
-    -std=c++20 -O2 -m32 -march=i686 -ffreestanding -fno-exceptions -fno-rtti
-    -fno-threadsafe-statics -fno-use-cxa-atexit -mregparm=3 -freg-struct-return
-    -mpreferred-stack-boundary=2 -msoft-float -mno-sse -mno-mmx -mno-sse2 -mno-3dnow
-    -fno-pic -fno-pie -fcf-protection=none -fno-stack-protector
-    -fno-asynchronous-unwind-tables -fno-unwind-tables -fno-strict-aliasing -fwrapv
-    -fno-delete-null-pointer-checks -fno-common -fno-omit-frame-pointer -fvisibility=hidden
-    -Wframe-larger-than=1024 -Wall -Wextra -Werror
-    -Ikernel/include -Ikernel/host/include -Izelmod/2.6
-)
+mapfile -t flags < <(sed 's/#.*//' kernel/linux-2.6.30/cxx.flags | xargs -n 1)
+flags+=(-Ikernel/include -Ikernel/host/include -Izelmod/2.6)
 # What the kernel itself supplies, with the module's calling convention.
 kernelSymbols='^(zk_.*|memcpy|memset|memmove|memcmp|strlen)$'
 
@@ -36,19 +30,48 @@ compileAndMerge()
     ld -m elf_i386 -r --force-group-allocation -T kernel/cxx.lds -o "$work/module.o" "$work"/*-*.o
 }
 
-# Prints one line for each fault of a merged object.
+# The names and types of an object's sections, one a line.
+sectionsOf()
+{
+    readelf -SW "$1" | sed -n 's/^ *\[ *[0-9]*\] \([^ ]*\) *\([A-Z_]*\) .*/\1 \2/p'
+}
+
+# Prints one line for each fault of a whole module: what its loader cannot take or leaves out.
+findModuleFaults()
+{
+    local object=$1
+    sectionsOf "$object" | while read -r section type; do
+        case "$section" in
+        .init_array* | .fini_array* | .preinit_array* | .ctors* | .dtors* | .init | .fini)
+            echo "constructor or destructor: section $section (the loader runs none)" ;;
+        .tdata* | .tbss*)
+            echo "thread-local data: section $section" ;;
+        .eh_frame* | .gcc_except_table*)
+            echo "unwind tables: section $section" ;;
+        esac
+    done
+
+    nm -u "$object" | awk '{ print $NF, $1 }' | while read -r symbol kind; do
+        case "$symbol" in
+        __*di3 | __*di4 | __*si3 | __*df* | __*sf* | __*xf*)
+            echo "libgcc function: $symbol (64-bit division or floating point)" ;;
+        esac
+        case "$kind" in w | v) echo "weak undefined symbol: $symbol" ;; esac
+    done
+
+    readelf -rW "$object" | awk '$3 ~ /^R_386_/ && $3 != "R_386_32" && $3 != "R_386_PC32" {
+        print "relocation " $3 " against " $5 }' | sort -u
+}
+
+# Prints one line for each fault of a merged object, of which the kernel's build makes a module.
 findFaults()
 {
     local object=$1
-    readelf -SW "$object" | sed -n 's/^ *\[ *[0-9]*\] \([^ ]*\) *\([A-Z_]*\) .*/\1 \2/p' |
+    findModuleFaults "$object"
+
+    sectionsOf "$object" |
         while read -r section type; do
             case "$section" in
-            .init_array* | .fini_array* | .preinit_array* | .ctors* | .dtors* | .init | .fini)
-                echo "constructor or destructor: section $section (the loader runs none)" ;;
-            .tdata* | .tbss*)
-                echo "thread-local data: section $section" ;;
-            .eh_frame* | .gcc_except_table*)
-                echo "unwind tables: section $section" ;;
             .group*)
                 echo "unmerged group: section $section" ;;
             .text.* | .data.* | .bss.* | .rodata.*)
@@ -57,14 +80,8 @@ findFaults()
             [ "$type" != GROUP ] || [[ $section == .group* ]] || echo "unmerged group: $section"
         done
 
-    nm -u "$object" | awk '{ print $NF, $1 }' | while read -r symbol kind; do
-        case "$symbol" in
-        __*di3 | __*di4 | __*si3 | __*df* | __*sf* | __*xf*)
-            echo "libgcc function: $symbol (64-bit division or floating point)" ;;
-        *)
-            [[ $symbol =~ $kernelSymbols ]] || echo "undefined symbol: $symbol" ;;
-        esac
-        case "$kind" in w | v) echo "weak undefined symbol: $symbol" ;; esac
+    nm -u "$object" | awk '{ print $NF }' | while read -r symbol; do
+        [[ $symbol =~ $kernelSymbols ]] || echo "undefined symbol: $symbol"
     done
 
     # A function that several sources emit (an inline one) is merged into a single definition above
@@ -76,9 +93,17 @@ findFaults()
         $2 == "w" { print "weak symbol: " $3 }
         $2 == "C" { print "common symbol: " $3 }
         $3 ~ /^_ZGV/ { print "guarded static variable: " $3 }'
+}
 
-    readelf -rW "$object" | awk '$3 ~ /^R_386_/ && $3 != "R_386_32" && $3 != "R_386_PC32" {
-        print "relocation " $3 " against " $5 }' | sort -u
+# Prints the faults that a function finds in an object. Fails if there is one.
+report()
+{
+    local faults
+    faults=$("$1" "$2")
+    [ -z "$faults" ] || {
+        sed 's/^/kernel objects: /' <<<"$faults" >&2
+        return 1
+    }
 }
 
 # Compiles the sources and reports. Fails if there is a fault.
@@ -90,12 +115,7 @@ checkSources()
         echo "kernel objects: the sources do not compile with the kernel's flags" >&2
         return 1
     }
-    local faults
-    faults=$(findFaults "$work/module.o")
-    if [ -n "$faults" ]; then
-        sed 's/^/kernel objects: /' <<<"$faults" >&2
-        return 1
-    fi
+    report findFaults "$work/module.o"
 }
 
 # expectFault <text that must be reported> <source text>
@@ -184,6 +204,12 @@ case "${1:-}" in
 --self-test)
     selfTest
     ;;
+--merged)
+    report findFaults "$2"
+    ;;
+--module)
+    report findModuleFaults "$2"
+    ;;
 "")
     mapfile -t sources < <(find zelmod/2.6 -name '*.cpp' | sort)
     [ ${#sources[@]} != 0 ] || {
@@ -195,7 +221,7 @@ case "${1:-}" in
         awk 'NR == 2 { print $1 " bytes of code, " $2 + $3 " of data" }')"
     ;;
 *)
-    echo "usage: tools/check-kernel-objects.sh [--self-test]" >&2
+    echo "usage: tools/check-kernel-objects.sh [--merged OBJECT | --module MODULE | --self-test]" >&2
     exit 2
     ;;
 esac

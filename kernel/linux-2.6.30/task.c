@@ -1,0 +1,39 @@
+/* Tasks: threads of the kernel and processes. */
+#define KERNEL_GLUE
+#include <linux/completion.h>
+#include <linux/kernel.h>
+#include <linux/rwsem.h>
+#include <linux/sched.h>
+#include <linux/semaphore.h>
+
+#include <kernel/task.h>
+
+void zk_schedule(void)
+{
+    schedule();
+}
+
+void zk_set_current_running(void)
+{
+    set_current_state(TASK_RUNNING);
+}
+
+int zk_kernel_thread(int (*function)(void *), void *argument, unsigned long flags)
+{
+    return kernel_thread(function, argument, flags);
+}
+
+void zk_daemonize(const char *name)
+{
+    daemonize("%s", name);
+}
+
+int zk_allow_signal(int signal)
+{
+    return allow_signal(signal);
+}
+
+void zk_complete_and_exit(struct completion *done, long code)
+{
+    complete_and_exit(done, code);
+}
