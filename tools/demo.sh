@@ -43,10 +43,11 @@ startMachine()
 
 backUp()
 {
-    local point=$1
-    "$bin/zelsend" --machine "$work/socket" --state "$work/state" \
-        --parent "$("$bin/zel" last "$work/repository" "$device")" /dev/sda1 |
-        "$bin/zel" receive "$work/repository" --name "point-$point"
+    local point=$1 parent=
+    [ "$point" = 1 ] || parent=$("$bin/zel" last "$work/repository" "$device")
+    # One progress bar is enough for both.
+    "$bin/zelsend" --machine "$work/socket" --state "$work/state" --parent "$parent" /dev/sda1 |
+        "$bin/zel" -q receive "$work/repository" --name "point-$point"
 }
 
 # A file's column of the table: what e2fsck and the comparison say of one restored point.
