@@ -5,7 +5,7 @@ SECONDS ?= 60
 ARGUMENTS ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build check demo machine module simulate bench fuzz format lint hook clean
+.PHONY: help setup build check demo machine module vm simulate bench fuzz format lint hook clean
 
 help: ## list the targets
 	@echo "make TARGET, where TARGET is one of:"
@@ -28,6 +28,10 @@ machine: build ## start the demonstration machine and leave it running
 
 module: ## build zelmod.ko for a real kernel: make module KDIR=<built 2.6.30 tree>
 	@tools/module.sh "$(KDIR)"
+
+vm: ## run the scenarios in a real kernel: make vm KERNEL=<bzImage> MODULE=<zelmod.ko>
+	@[ -z "$(KERNEL)" ] || tools/setup.sh qemu-system-x86
+	@tools/vm.sh "$(KERNEL)" "$(MODULE)" $(ARGUMENTS)
 
 simulate: setup ## run random simulations: make simulate SEEDS=N
 	@tools/build.sh i386 simulate
@@ -54,4 +58,4 @@ hook: ## run the lint script before each commit in this clone
 
 clean: ## remove what was built (keeps downloads and the machine's disk)
 	@rm -rf build/i386 build/tsan build/asan build/native build/release build/fuzz \
-		build/kernel-objects build/module
+		build/kernel-objects build/module build/vm

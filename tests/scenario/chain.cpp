@@ -19,11 +19,12 @@ unsigned trackingOf(test::Agent &agent)
     return session.state;
 }
 
-test::Bitmap bitmapOf(std::uint32_t blocks, std::initializer_list<std::uint32_t> chosen)
+test::Bitmap bitmapOf(const Environment &env, unsigned device,
+                      std::initializer_list<std::uint32_t> places)
 {
-    test::Bitmap map = test::emptyBitmap(blocks);
-    for (std::uint32_t block : chosen)
-        test::setBit(map, block);
+    test::Bitmap map = test::emptyBitmap(env.blocks(device));
+    for (std::uint32_t place : places)
+        test::setBit(map, env.blockAt(device, place));
     return map;
 }
 
@@ -99,6 +100,17 @@ Chain::Point Chain::take(const std::function<void(test::Agent &)> &meanwhile)
     key_ = session.amsKey;
     expectFrozen(image_, env_, device_, test::fullBitmap(env_.blocks(device_)));
     return point;
+}
+
+void Chain::expectChanged(const Point &point, const std::vector<std::uint32_t> &written) const
+{
+    test::Bitmap expected = env_.changedByFileSystem(device_);
+    for (std::uint32_t place : written)
+        test::setBit(expected, env_.blockAt(device_, place));
+    for (std::uint32_t block = 0; block < env_.blocks(device_); block++)
+        expect(test::testBit(point.changed, block) == test::testBit(expected, block),
+               "the map to have the written blocks and no others; block " + std::to_string(block) +
+                   " is wrong");
 }
 
 Chain::Point Chain::takeFull(const std::function<void(test::Agent &)> &meanwhile)

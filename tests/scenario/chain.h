@@ -12,7 +12,9 @@ namespace scenario
 unsigned stateOf(test::Agent &agent);
 // The same of the tracking of its device.
 unsigned trackingOf(test::Agent &agent);
-test::Bitmap bitmapOf(std::uint32_t blocks, std::initializer_list<std::uint32_t> chosen);
+// The blocks at these places of a device.
+test::Bitmap bitmapOf(const Environment &env, unsigned device,
+                      std::initializer_list<std::uint32_t> places);
 // Every wanted block of the image must be as at the freeze, or zero if that is allowed.
 void expectFrozen(const Image &image, const Environment &env, unsigned device,
                   const test::Bitmap &wanted, bool mayBeZero = false);
@@ -32,6 +34,10 @@ public:
     Point take(const std::function<void(test::Agent &)> &meanwhile = {});
     Point takeFull(const std::function<void(test::Agent &)> &meanwhile = {});
     Point takeIncremental(const std::function<void(test::Agent &)> &meanwhile = {});
+
+    // The last point's map must have the blocks at the places that were `written` since the point
+    // before, those that the file system wrote for itself, and no others.
+    void expectChanged(const Point &point, const std::vector<std::uint32_t> &written) const;
 
     const AMSessionKey &key() const { return key_; }
     const Image &image() const { return image_; }

@@ -48,7 +48,7 @@ class Attempt
 public:
     // Of the changes since that chain's last point, or of some blocks if there is no chain.
     Attempt(Environment &env, const Chain *chain)
-        : env_(env), chain_(chain), wanted_(bitmapOf(env.blocks(0), {3, 4, 5, 6, 7, 11, 12, 40})),
+        : env_(env), chain_(chain), wanted_(bitmapOf(env, 0, {3, 4, 5, 6, 7, 11, 12, 40})),
           image_(chain != nullptr ? chain->image() : Image(env.frozen(0).size()))
     {
     }

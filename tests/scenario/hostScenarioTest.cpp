@@ -72,6 +72,14 @@ public:
     std::uint64_t sectors(unsigned index) const override { return disk_.sectors(number(index)); }
     unsigned blockSize(unsigned index) const override { return disk_.blockSize(number(index)); }
     std::uint32_t blocks(unsigned index) const override { return disk_.blocks(number(index)); }
+    // The synthetic file system has no blocks of its own.
+    std::uint32_t places(unsigned index) const override { return blocks(index); }
+    std::uint32_t blockAt(unsigned, std::uint32_t place) const override { return place; }
+    test::Bitmap changedByFileSystem(unsigned index) const override
+    {
+        return test::emptyBitmap(blocks(index));
+    }
+    std::uint32_t blocksChangedByThaw() const override { return 0; }
 
     void write(unsigned index, std::uint32_t first, std::uint32_t count) override
     {

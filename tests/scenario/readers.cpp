@@ -37,8 +37,8 @@ void twoProcesses(Environment &env)
         test::Agent child(parent, "child");
         expect(child.opened(), "the child to have the file");
         auto writer = env.start([&] {
-            for (std::uint32_t block = 0; block + 5 < env.blocks(0); block += 9) {
-                env.write(0, block, 5);
+            for (std::uint32_t place = 0; place + 5 < env.places(0); place += 9) {
+                env.write(0, place, 5);
                 env.sync(0);
             }
         });

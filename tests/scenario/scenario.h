@@ -33,8 +33,9 @@ struct Layout {
 };
 
 /*
- * Each device has a mounted file system, whose blocks have contents that name block and generation.
- * The environment remembers for each block what was last written to it.
+ * Each device has a mounted file system. The blocks of it that scenarios write to are numbered
+ * apart, as places: a real file system needs other blocks for itself. Their contents name place and
+ * generation, and the environment remembers for each what was last written to it.
  *
  * Everything may sleep. Problems of the environment itself are exceptions.
  */
@@ -57,23 +58,33 @@ public:
     virtual std::uint64_t sectors(unsigned index) const = 0;
     virtual unsigned blockSize(unsigned index) const = 0;
     virtual std::uint32_t blocks(unsigned index) const = 0;
+    // How many places there are, at least as many as a device of the layout's size has blocks, and
+    // the block of each. They ascend; the first ones lie side by side; the last is the device's
+    // last block.
+    virtual std::uint32_t places(unsigned index) const = 0;
+    virtual std::uint32_t blockAt(unsigned index, std::uint32_t place) const = 0;
 
-    // Writes new generations of `count` blocks from `first` into the file system, to reach the disk
+    // Writes new generations of `count` places from `first` into the file system, to reach the disk
     // sooner or later. Held while it is frozen.
     virtual void write(unsigned index, std::uint32_t first, std::uint32_t count) = 0;
     virtual void sync(unsigned index) = 0;
     // The same around the file system, as one bio, and waits until it is done: 0 or a negated errno
-    // (then the blocks are as before). Not for blocks that are also written through the file
+    // (then the blocks are as before). Not for places that are also written through the file
     // system, and not while a snapshot is taken.
     virtual int writeThrough(unsigned index, std::uint32_t first, std::uint32_t count) = 0;
 
+    // The blocks other than places that the file system wrote, of its own accord, from one freeze
+    // to the next, the last two of them.
+    virtual test::Bitmap changedByFileSystem(unsigned index) const = 0;
+    // How many such blocks it writes at a thaw.
+    virtual std::uint32_t blocksChangedByThaw() const = 0;
     // What the device held when its file system was last frozen.
     virtual const Image &frozen(unsigned index) const = 0;
     // Writes everything out. Empty, or the first block, now or at a freeze, that was not on the
     // disk as it was last written, or a write that the disk refused.
     virtual std::string lostWrites(unsigned index) = 0;
 
-    // Reads of these blocks fail until cleared.
+    // Reads of these places fail until cleared.
     virtual void failReads(unsigned index, std::uint32_t first, std::uint32_t count) = 0;
     virtual void clearReadFailures() = 0;
     // The n-th call of this kind by the module fails (a "write": by anybody). An environment

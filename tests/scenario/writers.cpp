@@ -35,7 +35,7 @@ private:
     {
         std::mt19937 random(seed);
         while (!stop_) {
-            auto first = static_cast<std::uint32_t>(random() % (env.blocks(0) - 8));
+            auto first = static_cast<std::uint32_t>(random() % (env.places(0) - 8));
             env.write(0, first, static_cast<std::uint32_t>(1 + random() % 8));
             if (random() % 4 == 0)
                 env.sync(0);
@@ -92,8 +92,9 @@ std::vector<std::uint32_t> drainCache(test::Agent &agent, Image &image)
         expectEqual(agent.getDirtyBlock(&block), 0, "the result of GetDirtyBlock");
         if (block == 0xffffffff)
             return found;
-        expectEqual(agent.readInto(image, bitmapOf(agent.blocks(), {block})), 0,
-                    "the result of reading a cached block");
+        test::Bitmap wanted = test::emptyBitmap(agent.blocks());
+        test::setBit(wanted, block);
+        expectEqual(agent.readInto(image, wanted), 0, "the result of reading a cached block");
         found.push_back(block);
     }
 }
@@ -103,7 +104,7 @@ void bioOverHeldAndFreeBlocks(Environment &env)
 {
     test::Agent agent;
     expectEqual(agent.begin(env.device(0)), 0, "the result of beginning");
-    test::Bitmap wanted = bitmapOf(env.blocks(0), {20, 22, 25});
+    test::Bitmap wanted = bitmapOf(env, 0, {20, 22, 25});
     expectEqual(agent.loadBlockMap(wanted, env.blocks(0)), 0, "the result of LoadBlockMap");
 
     Image image(std::size_t{env.blocks(0)} * env.blockSize(0));
@@ -114,10 +115,12 @@ void bioOverHeldAndFreeBlocks(Environment &env)
     std::vector<std::uint32_t> saved = drainCache(agent, image);
     expectEqual(saved.size(), 2u, "the number of blocks saved for both");
     for (std::uint32_t block : saved)
-        expect(block == 20 || block == 22, "the wanted blocks to be saved");
+        expect(block == env.blockAt(0, 20) || block == env.blockAt(0, 22),
+               "the wanted blocks to be saved");
     // They were delivered: free from now on, and 25 is held still.
     expectEqual(env.writeThrough(0, 19, 8), 0, "the result of a write over all");
-    expect(drainCache(agent, image) == std::vector<std::uint32_t>{25}, "just 25 to be saved");
+    expect(drainCache(agent, image) == std::vector<std::uint32_t>{env.blockAt(0, 25)},
+           "just 25 to be saved");
     expectFrozen(image, env, 0, wanted);
     agent.close();
     expectNoLostWrites(env, 0);

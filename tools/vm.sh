@@ -1,0 +1,33 @@
+#!/bin/bash
+# Boots a real kernel in an emulator and runs the scenarios on the module in it.
+#
+#   tools/vm.sh <kernel> <module> [--disk ide|virtio]... [--timeout seconds] [scenario...]
+#
+# A scenario is named by any part of its name; without any, all are run, with each kind of disk. What
+# the kernels printed is in build/vm/console.log afterwards.
+set -euo pipefail
+
+fail()
+{
+    echo "vm: $*" >&2
+    exit 1
+}
+
+kernel=${1:-}
+module=${2:-}
+[ -n "$kernel" ] || fail "runs the scenarios in a real 32-bit Linux under an emulator; it needs that" \
+    "kernel's image: make vm KERNEL=<bzImage> MODULE=<zelmod.ko>"
+[ -n "$module" ] || fail "needs the module, as 'make module' builds it for this kernel:" \
+    "make vm KERNEL=$kernel MODULE=<zelmod.ko>"
+[ -f "$kernel" ] && [ -r "$kernel" ] || fail "$kernel: no such kernel"
+[ -f "$module" ] && [ -r "$module" ] || fail "$module: no such module"
+command -v qemu-system-i386 >/dev/null ||
+    fail "qemu-system-i386 is missing: tools/setup.sh qemu-system-x86"
+kernel=$(readlink -f "$kernel")
+module=$(readlink -f "$module")
+shift 2
+
+cd "$(dirname "$(readlink -f "$0")")/.."
+tools/build.sh i386 vm
+exec build/i386/vm_scenarios --kernel "$kernel" --module "$module" --guest build/i386/vm_guest \
+    --folder build/vm "$@"

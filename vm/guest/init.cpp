@@ -1,0 +1,51 @@
+/*
+ * The first process. It sets up what the others need and then only buries them: a process's end is
+ * told to the driver when the kernel has closed all that it held.
+ */
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/reboot.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "guest.h"
+
+namespace vm
+{
+
+void fail(const char *what)
+{
+    dprintf(STDERR_FILENO, "init: %s: %s\n", what, strerror(errno));
+    reboot(RB_AUTOBOOT);
+    for (;;)
+        pause();
+}
+
+} // namespace vm
+
+int main()
+{
+    using namespace vm;
+    if (mount("proc", "/proc", "proc", 0, nullptr) != 0)
+        fail("mounting /proc");
+    if (mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0)
+        fail("mounting /sys");
+    Shared shared = openShared();
+
+    int child = fork();
+    if (child < 0)
+        fail("starting the dispatcher");
+    if (child == 0)
+        dispatch(shared);
+    for (;;) {
+        int status = 0;
+        int pid = wait(&status);
+        if (pid == child)
+            fail("the dispatcher has ended");
+        for (uint32_t slot = 0; pid > 0 && slot < slots; slot++)
+            if (shared.table->slot[slot].pid == pid)
+                ring(ended + slot);
+    }
+}

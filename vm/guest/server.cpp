@@ -1,0 +1,138 @@
+// Doing what the driver asks for, each process for its own slot.
+#include <errno.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <setjmp.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/reboot.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "guest.h"
+
+namespace vm
+{
+namespace
+{
+
+sigjmp_buf badAccess;
+
+void onBadAccess(int)
+{
+    siglongjmp(badAccess, 1);
+}
+
+void *pointer(uint32_t address)
+{
+    return reinterpret_cast<void *>(static_cast<uintptr_t>(address));
+}
+
+int32_t callKernel(const uint32_t *a)
+{
+    long result = syscall(static_cast<long>(a[0]), a[1], a[2], a[3], a[4], a[5], a[6]);
+    return static_cast<int32_t>(result != -1 ? result : -errno);
+}
+
+int32_t copy(uint32_t to, uint32_t from, uint32_t bytes)
+{
+    if (sigsetjmp(badAccess, 1) != 0)
+        return -EFAULT;
+    memcpy(pointer(to), pointer(from), bytes);
+    return 0;
+}
+
+// The child's parent is the first process, whoever asked for it.
+int32_t forkInto(const Shared &shared, uint32_t slot)
+{
+    long pid = syscall(SYS_clone, CLONE_PARENT | SIGCHLD, 0, 0, 0, 0);
+    if (pid == 0)
+        serve(shared, slot);
+    if (pid < 0)
+        return -errno;
+    shared.table->slot[slot].pid = static_cast<int32_t>(pid);
+    return 0;
+}
+
+void answer(const Shared &shared, uint32_t number)
+{
+    Slot &slot = shared.table->slot[number];
+    const uint32_t *a = slot.arguments;
+    switch (static_cast<Request>(slot.request)) {
+    case Request::systemCall:
+        slot.result = callKernel(a);
+        break;
+    case Request::copy:
+        slot.result = copy(a[0], a[1], a[2]);
+        break;
+    case Request::fork:
+        slot.result = forkInto(shared, a[0]);
+        break;
+    }
+    ring(number);
+}
+
+void catchBadAccesses()
+{
+    struct sigaction action = {};
+    action.sa_handler = onBadAccess;
+    if (sigaction(SIGSEGV, &action, nullptr) != 0 || sigaction(SIGBUS, &action, nullptr) != 0)
+        fail("setting a signal handler");
+}
+
+// Whether there was anything to do.
+bool dispatchOnce(const Shared &shared)
+{
+    bool found = false;
+    for (uint32_t slot = 0; slot < slots; slot++) {
+        if (__atomic_exchange_n(&shared.table->slot[slot].pending, 0, __ATOMIC_ACQ_REL) == 0)
+            continue;
+        found = true;
+        if (slot == dispatcher)
+            answer(shared, slot);
+        else if (write(shared.wakers[slot], "", 1) != 1)
+            fail("handing a request on");
+    }
+    return found;
+}
+
+void follow(Order order, int sysrq)
+{
+    if (order == Order::showBlockedTasks && write(sysrq, "w", 1) != 1)
+        fail("showing the blocked tasks");
+    if (order == Order::restart)
+        reboot(RB_AUTOBOOT);
+}
+
+} // namespace
+
+void dispatch(const Shared &shared)
+{
+    // Requests come one after the other: look often while they do.
+    constexpr unsigned patience = 100;
+    constexpr unsigned often = 50; // microseconds
+    constexpr unsigned seldom = 1000;
+    catchBadAccesses();
+    int sysrq = open("/proc/sysrq-trigger", O_WRONLY);
+    ring(ready);
+    for (unsigned idle = 0;; idle++) {
+        if (dispatchOnce(shared))
+            idle = 0;
+        follow(static_cast<Order>(__atomic_exchange_n(&shared.table->order, 0, __ATOMIC_ACQ_REL)),
+               sysrq);
+        usleep(idle < patience ? often : seldom);
+    }
+}
+
+void serve(const Shared &shared, uint32_t slot)
+{
+    for (;;) {
+        char byte = 0;
+        if (read(shared.sleepers[slot], &byte, 1) == 1)
+            answer(shared, slot);
+        else if (errno != EINTR)
+            fail("waiting for a request");
+    }
+}
+
+} // namespace vm

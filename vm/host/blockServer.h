@@ -1,0 +1,29 @@
+/* Offers a disk to the emulator, by the network block device protocol over a local socket. */
+#pragma once
+
+#include <string>
+#include <thread>
+
+#include "descriptor.h"
+#include "disk.h"
+
+namespace vm
+{
+
+// Serves one peer from a thread of its own for as long as this lives.
+class BlockServer
+{
+public:
+    BlockServer(Disk &disk, const std::string &path);
+    ~BlockServer();
+    BlockServer(const BlockServer &) = delete;
+
+private:
+    void serve();
+
+    Disk &disk_;
+    Descriptor listener_;
+    std::thread thread_;
+};
+
+} // namespace vm

@@ -1,0 +1,65 @@
+#include "disk.h"
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace vm
+{
+
+bool Disk::holds(std::uint64_t offset, std::size_t bytes) const
+{
+    return offset <= bytes_.size() && bytes <= bytes_.size() - offset;
+}
+
+int Disk::read(std::uint64_t offset, void *to, std::size_t bytes)
+{
+    std::lock_guard lock(mutex_);
+    if (!holds(offset, bytes))
+        return EINVAL;
+    for (const Range &range : failing_)
+        if (offset < range.offset + range.bytes && range.offset < offset + bytes)
+            return EIO;
+    std::memcpy(to, &bytes_[static_cast<std::size_t>(offset)], bytes);
+    return 0;
+}
+
+int Disk::write(std::uint64_t offset, const void *from, std::size_t bytes)
+{
+    std::lock_guard lock(mutex_);
+    if (!holds(offset, bytes))
+        return EINVAL;
+    std::memcpy(&bytes_[static_cast<std::size_t>(offset)], from, bytes);
+    if (observer_)
+        observer_(offset, bytes, bytes_);
+    return 0;
+}
+
+Disk::Bytes Disk::contents(std::uint64_t offset, std::size_t bytes) const
+{
+    std::lock_guard lock(mutex_);
+    if (!holds(offset, bytes))
+        throw std::out_of_range("contents past the end of a disk");
+    auto from = bytes_.begin() + static_cast<std::ptrdiff_t>(offset);
+    return Bytes(from, from + static_cast<std::ptrdiff_t>(bytes));
+}
+
+void Disk::observe(Observer observer)
+{
+    std::lock_guard lock(mutex_);
+    observer_ = std::move(observer);
+}
+
+void Disk::failReads(std::uint64_t offset, std::size_t bytes)
+{
+    std::lock_guard lock(mutex_);
+    failing_.push_back({offset, bytes});
+}
+
+void Disk::clearReadFailures()
+{
+    std::lock_guard lock(mutex_);
+    failing_.clear();
+}
+
+} // namespace vm

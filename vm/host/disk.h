@@ -1,0 +1,52 @@
+/* The guest's disk, in memory: it knows each write at the instant when it takes effect. */
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+namespace vm
+{
+
+constexpr unsigned sectorBytes = 512;
+
+// Any thread may call these. Offsets and lengths are bytes.
+class Disk
+{
+public:
+    using Bytes = std::vector<unsigned char>;
+
+    explicit Disk(Bytes contents) : bytes_(std::move(contents)) {}
+    Disk(const Disk &) = delete;
+
+    std::uint64_t size() const { return bytes_.size(); }
+    // 0 or an errno value: EIO where reads are to fail, EINVAL past the end.
+    int read(std::uint64_t offset, void *to, std::size_t bytes);
+    int write(std::uint64_t offset, const void *from, std::size_t bytes);
+    // Past the failures and the observer.
+    Bytes contents(std::uint64_t offset, std::size_t bytes) const;
+
+    // Is called after each write with the disk as it then is; no other access happens meanwhile.
+    using Observer =
+        std::function<void(std::uint64_t offset, std::size_t bytes, const Bytes &disk)>;
+    void observe(Observer observer);
+
+    void failReads(std::uint64_t offset, std::size_t bytes);
+    void clearReadFailures();
+
+private:
+    struct Range {
+        std::uint64_t offset;
+        std::size_t bytes;
+    };
+    bool holds(std::uint64_t offset, std::size_t bytes) const;
+
+    mutable std::mutex mutex_; // guards everything
+    Bytes bytes_;
+    Observer observer_;
+    std::vector<Range> failing_;
+};
+
+} // namespace vm

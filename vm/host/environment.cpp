@@ -1,0 +1,314 @@
+#include "environment.h"
+
+#include <cerrno>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace vm
+{
+namespace
+{
+
+constexpr const char *diskSocket = "disk.socket";
+constexpr const char *moduleName = "zelmod";
+constexpr unsigned controlMajor = 120;
+
+std::string numbered(const char *name, unsigned partition)
+{
+    return name + std::to_string(partition);
+}
+
+void require(int result, const std::string &what)
+{
+    if (result < 0)
+        throw std::runtime_error("the guest: " + what + " failed with " + std::to_string(result));
+}
+
+GuestOptions optionsOf(const Setting &setting)
+{
+    return {setting.kernel,  setting.initramfs,   diskSocket,     setting.diskKind,
+            setting.console, setting.emulatorLog, setting.timeout};
+}
+
+class ThreadBackground : public scenario::Environment::Background
+{
+public:
+    explicit ThreadBackground(std::function<void()> body)
+        : thread_([this, body = std::move(body)] {
+              try {
+                  body();
+              } catch (...) {
+                  exception_ = std::current_exception();
+              }
+          })
+    {
+    }
+    ~ThreadBackground() override
+    {
+        if (thread_.joinable())
+            thread_.join();
+    }
+    void join() override
+    {
+        if (!thread_.joinable())
+            return;
+        thread_.join();
+        if (exception_)
+            std::rethrow_exception(exception_);
+    }
+
+private:
+    std::exception_ptr exception_;
+    std::thread thread_;
+};
+
+} // namespace
+
+Environment::Environment(const Setting &setting, const scenario::Layout &layout) : setting_(setting)
+{
+    DiskImage image = makeDiskImage(layout);
+    for (const Volume &volume : image.volumes)
+        devices_.push_back(std::make_unique<Device>(volume, image.bytes));
+    disk_ = std::make_unique<Disk>(std::move(image.bytes));
+    disk_->observe([this](std::uint64_t offset, std::size_t bytes, const Disk::Bytes &disk) {
+        for (auto &device : devices_)
+            device->onDiskWrite(offset, bytes, disk);
+    });
+    server_ = std::make_unique<BlockServer>(*disk_, diskSocket);
+    guest_ = std::make_unique<Guest>(optionsOf(setting));
+    guest_->waitUntilReady();
+
+    Worker worker(*guest_);
+    require(worker.write("/proc/sys/kernel/panic_on_oops", "1"), "panic_on_oops");
+    require(worker.makeNode("/dev/zelmod", S_IFCHR, controlMajor, 0), "mknod");
+    findDevices(worker);
+    mountAll(worker);
+}
+
+Environment::~Environment()
+{
+    writers_.clear();
+    guest_.reset(); // before the disk that it uses
+}
+
+// The disk's name and the numbers of its devices differ with its kind and the kernel.
+void Environment::findDevices(Worker &worker)
+{
+    constexpr unsigned attempts = 100;
+    for (unsigned attempt = 0; attempt < attempts; attempt++) {
+        for (std::string disk : {"hda", "sda", "vda"}) {
+            unsigned found = 0;
+            for (auto &device : devices_) {
+                unsigned partition = device->volume().partition;
+                std::string folder = "/sys/block/" + disk + "/";
+                if (partition != 0)
+                    folder += numbered(disk.c_str(), partition) + "/";
+                unsigned major = 0;
+                unsigned minor = 0;
+                if (std::sscanf(worker.read(folder + "dev").c_str(), "%u:%u", &major, &minor) != 2)
+                    break;
+                device->number = major << 20 | minor;
+                found++;
+            }
+            if (found == devices_.size()) {
+                diskFolder_ = "/sys/block/" + disk;
+                return;
+            }
+        }
+        pause(100000);
+    }
+    throw std::runtime_error("the guest has not found its disk");
+}
+
+void Environment::mountAll(Worker &worker)
+{
+    for (unsigned i = 0; i < devices_.size(); i++) {
+        kernel_dev_t number = device(i);
+        require(worker.makeNode(node(i), S_IFBLK, deviceMajor(number), deviceMinor(number)),
+                "mknod");
+        require(worker.makeFolder(folder(i)), "mkdir");
+        require(worker.mount(node(i), folder(i), "ext3", "data=ordered"), "mount");
+    }
+}
+
+std::string Environment::node(unsigned index) const
+{
+    return numbered("/dev/disk", devices_.at(index)->volume().partition);
+}
+
+std::string Environment::folder(unsigned index) const
+{
+    return numbered("/mnt/", devices_.at(index)->volume().partition);
+}
+
+std::uint64_t Environment::offsetOf(unsigned index, std::uint32_t place) const
+{
+    return startSector(index) * sectorBytes +
+           std::uint64_t{blockAt(index, place)} * blockSize(index);
+}
+
+scenario::Image Environment::contents(unsigned index) const
+{
+    return disk_->contents(startSector(index) * sectorBytes,
+                           std::size_t{blocks(index)} * blockSize(index));
+}
+
+void Environment::spoil(unsigned index, std::uint32_t place, const scenario::Image &bytes)
+{
+    disk_->write(offsetOf(index, place), bytes.data(), bytes.size());
+}
+
+std::string Environment::end()
+{
+    std::string problems;
+    writers_.clear();
+    {
+        Worker worker(*guest_);
+        for (unsigned i = 0; i < devices_.size(); i++) {
+            int result = worker.unmount(folder(i));
+            if (result != 0)
+                problems += "unmounting failed with " + std::to_string(result) + "\n";
+        }
+    }
+    if (!guest_->powerOff())
+        problems += "the guest did not end\n";
+    for (unsigned i = 0; i < devices_.size(); i++)
+        if (!soundFileSystem(contents(i)))
+            problems += "the file system of device " + std::to_string(i) + " is damaged\n";
+    return problems;
+}
+
+int Environment::load()
+{
+    return writer().worker.loadModule(setting_.module, setting_.moduleBytes);
+}
+
+int Environment::unload()
+{
+    int result = writer().worker.unloadModule(moduleName);
+    return result == -EAGAIN ? -EBUSY : result; // what delete_module says of a module in use
+}
+
+void Environment::acceptLostSession()
+{
+    throw std::logic_error("nothing is known here of what the module holds");
+}
+
+int Environment::Writer::open(const std::string &path, int flags)
+{
+    auto found = files.find(path);
+    if (found != files.end())
+        return found->second;
+    int file = worker.open(path, flags);
+    require(file, "opening " + path);
+    return files[path] = file;
+}
+
+Environment::Writer &Environment::writer()
+{
+    std::lock_guard lock(mutex_);
+    std::unique_ptr<Writer> &writer = writers_[std::this_thread::get_id()];
+    if (!writer)
+        writer = std::make_unique<Writer>(*guest_);
+    return *writer;
+}
+
+void Environment::dropWriter()
+{
+    std::unique_ptr<Writer> writer;
+    std::lock_guard lock(mutex_);
+    auto found = writers_.find(std::this_thread::get_id());
+    if (found == writers_.end())
+        return;
+    writer = std::move(found->second);
+    writers_.erase(found);
+}
+
+void Environment::write(unsigned index, std::uint32_t first, std::uint32_t count)
+{
+    Device &device = *devices_.at(index);
+    Writer &own = writer();
+    int file = own.open(folder(index) + "/" + volumeFile, O_RDWR);
+    std::vector<unsigned char> bytes = device.beginWrite(first, count);
+    int result = own.worker.writeAt(file, device.fileOffset(first), bytes, false);
+    device.endWrite(first, count, result == 0);
+    require(result, "a write to a file");
+}
+
+void Environment::sync(unsigned index)
+{
+    Writer &own = writer();
+    int file = own.open(folder(index) + "/" + volumeFile, O_RDWR);
+    require(own.worker.sync(file), "fsync");
+}
+
+int Environment::writeThrough(unsigned index, std::uint32_t first, std::uint32_t count)
+{
+    Device &device = *devices_.at(index);
+    if (device.blockAt(first + count - 1) != device.blockAt(first) + count - 1)
+        throw std::logic_error("a write to places that do not lie side by side");
+    Writer &own = writer();
+    int file = own.open(node(index), O_RDWR | O_DIRECT);
+    std::vector<unsigned char> bytes = device.beginWrite(first, count);
+    std::uint64_t offset = std::uint64_t{device.blockAt(first)} * device.volume().blockSize;
+    int result = own.worker.writeAt(file, offset, bytes, true);
+    device.endWrite(first, count, result == 0);
+    return result;
+}
+
+std::string Environment::lostWrites(unsigned index)
+{
+    sync(index);
+    return devices_.at(index)->lostWrites(contents(index));
+}
+
+// A disk driver may fail all of a request for a part of it, and requests for neighbouring blocks
+// are made one by the kernel: keep them apart, as far as it goes (a page).
+void Environment::failReads(unsigned index, std::uint32_t first, std::uint32_t count)
+{
+    limitRequests(4);
+    for (std::uint32_t place = first; place < first + count; place++)
+        disk_->failReads(offsetOf(index, place), blockSize(index));
+}
+
+void Environment::clearReadFailures()
+{
+    disk_->clearReadFailures();
+    limitRequests(128);
+}
+
+void Environment::limitRequests(unsigned kibibytes)
+{
+    require(writer().worker.write(diskFolder_ + "/queue/max_sectors_kb", std::to_string(kibibytes)),
+            "max_sectors_kb");
+}
+
+void Environment::failNth(const std::string &, unsigned)
+{
+    throw std::logic_error("calls of the module cannot be made to fail here");
+}
+
+unsigned Environment::clearFailures()
+{
+    throw std::logic_error("calls of the module cannot be made to fail here");
+}
+
+std::unique_ptr<scenario::Environment::Background> Environment::start(std::function<void()> body)
+{
+    return std::make_unique<ThreadBackground>([this, body = std::move(body)] {
+        struct End {
+            Environment &environment;
+            ~End() { environment.dropWriter(); }
+        } end{*this};
+        body();
+    });
+}
+
+void Environment::pause(unsigned microseconds)
+{
+    std::this_thread::sleep_for(std::chrono::microseconds(microseconds));
+}
+
+} // namespace vm

@@ -1,0 +1,129 @@
+/* The environment of scenarios in a real kernel: a guest with one disk. */
+#pragma once
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "blockServer.h"
+#include "device.h"
+#include "disk.h"
+#include "diskImage.h"
+#include "guest.h"
+#include "scenario/scenario.h"
+#include "worker.h"
+
+namespace vm
+{
+
+// What the environments of one run have in common.
+struct Setting {
+    std::string kernel;
+    std::string initramfs;
+    std::string module; // its path in the guest
+    std::uint32_t moduleBytes = 0;
+    std::string diskKind; // as GuestOptions has it
+    std::string console;
+    std::string emulatorLog;
+    std::chrono::seconds timeout{300};
+};
+
+class Environment : public scenario::Environment
+{
+public:
+    // Boots the guest and mounts the file systems.
+    Environment(const Setting &setting, const scenario::Layout &layout);
+    ~Environment() override;
+
+    // Unmounts and ends the guest. Empty, or what was not as it must be.
+    std::string end();
+    Guest &guest() { return *guest_; }
+    // The device's node and where it is mounted, in the guest.
+    std::string node(unsigned index) const;
+    std::string folder(unsigned index) const;
+    // What the device has now.
+    scenario::Image contents(unsigned index) const;
+    // Puts bytes at a place of the disk, behind the guest's back.
+    void spoil(unsigned index, std::uint32_t place, const scenario::Image &bytes);
+
+    int load() override;
+    int unload() override;
+    void acceptLostSession() override;
+
+    kernel_dev_t device(unsigned index) const override { return devices_.at(index)->number; }
+    std::uint64_t startSector(unsigned index) const override
+    {
+        return devices_.at(index)->volume().startSector;
+    }
+    std::uint64_t sectors(unsigned index) const override
+    {
+        return devices_.at(index)->volume().sectors;
+    }
+    unsigned blockSize(unsigned index) const override
+    {
+        return devices_.at(index)->volume().blockSize;
+    }
+    std::uint32_t blocks(unsigned index) const override
+    {
+        return devices_.at(index)->volume().blocks;
+    }
+    std::uint32_t places(unsigned index) const override { return devices_.at(index)->places(); }
+    std::uint32_t blockAt(unsigned index, std::uint32_t place) const override
+    {
+        return devices_.at(index)->blockAt(place);
+    }
+
+    void write(unsigned index, std::uint32_t first, std::uint32_t count) override;
+    void sync(unsigned index) override;
+    int writeThrough(unsigned index, std::uint32_t first, std::uint32_t count) override;
+
+    test::Bitmap changedByFileSystem(unsigned index) const override
+    {
+        return devices_.at(index)->ownWrites();
+    }
+    std::uint32_t blocksChangedByThaw() const override { return 1; } // ext3's superblock
+    const scenario::Image &frozen(unsigned index) const override
+    {
+        return devices_.at(index)->frozen();
+    }
+    std::string lostWrites(unsigned index) override;
+
+    void failReads(unsigned index, std::uint32_t first, std::uint32_t count) override;
+    void clearReadFailures() override;
+    void failNth(const std::string &kind, unsigned n) override;
+    unsigned clearFailures() override;
+
+    std::unique_ptr<Background> start(std::function<void()> body) override;
+    void pause(unsigned microseconds) override;
+
+private:
+    // A process for each thread that writes, with its own open files.
+    struct Writer {
+        explicit Writer(Guest &guest) : worker(guest) {}
+        Worker worker;
+        std::map<std::string, int> files;
+        int open(const std::string &path, int flags);
+    };
+    Writer &writer();
+    void dropWriter();
+
+    std::uint64_t offsetOf(unsigned index, std::uint32_t place) const; // on the disk
+    void findDevices(Worker &worker);
+    void mountAll(Worker &worker);
+
+    // The longest request that the guest makes of its disk.
+    void limitRequests(unsigned kibibytes);
+
+    const Setting setting_;
+    std::string diskFolder_; // in the guest's /sys
+    std::unique_ptr<Disk> disk_;
+    std::vector<std::unique_ptr<Device>> devices_;
+    std::unique_ptr<BlockServer> server_;
+    std::unique_ptr<Guest> guest_;
+    std::mutex mutex_; // guards writers_
+    std::map<std::thread::id, std::unique_ptr<Writer>> writers_;
+};
+
+} // namespace vm

@@ -1,0 +1,245 @@
+#include "guest.h"
+
+#include <algorithm>
+#include <vector>
+
+#include <sys/mman.h>
+#include <sys/syscall.h>
+
+namespace vm
+{
+namespace
+{
+
+constexpr const char *bellSocket = "bell.socket";
+constexpr unsigned endMilliseconds = 20000;
+
+Guest *theGuest = nullptr;
+
+// The shared memory has two places here, the second that of the guest's other mappings.
+constexpr std::uint32_t places[] = {sharedAddress, sharedAddress + mirrorOffset};
+
+void *pointer(std::uint32_t address)
+{
+    return reinterpret_cast<void *>(static_cast<std::uintptr_t>(address));
+}
+
+Table &table()
+{
+    return *static_cast<Table *>(pointer(sharedAddress));
+}
+
+Descriptor makeMemory()
+{
+    Descriptor memory(::memfd_create("guest", 0)); // the emulator inherits it
+    if (memory.get() < 0 || ::ftruncate(memory.get(), sharedBytes) != 0)
+        throwErrno("the shared memory");
+    for (std::uint32_t place : places)
+        if (::mmap(pointer(place), sharedBytes, PROT_READ | PROT_WRITE,
+                   MAP_SHARED | MAP_FIXED_NOREPLACE, memory.get(), 0) != pointer(place))
+            throwErrno("mapping the shared memory");
+    return memory;
+}
+
+std::vector<std::string> emulatorArguments(const GuestOptions &options, int memory)
+{
+    std::string size = std::to_string(sharedBytes / mebibyte) + "M";
+    return {"qemu-system-i386",
+            "-nodefaults",
+            "-no-user-config",
+            "-display",
+            "none",
+            "-no-reboot",
+            "-accel",
+            "tcg",
+            "-cpu",
+            "coreduo",
+            "-smp",
+            "2",
+            "-m",
+            "1024",
+            "-kernel",
+            options.kernel,
+            "-initrd",
+            options.initramfs,
+            "-append",
+            "console=ttyS0 panic=1 oops=panic i8042.noaux=1 i8042.nokbd=1",
+            "-chardev",
+            "file,id=console,path=" + options.console,
+            "-serial",
+            "chardev:console",
+            "-chardev",
+            std::string("socket,id=bell,path=") + bellSocket,
+            "-device",
+            "isa-debugcon,chardev=bell,iobase=" + std::to_string(bellPort),
+            "-object",
+            "memory-backend-file,id=shared,share=on,size=" + size + ",mem-path=/proc/self/fd/" +
+                std::to_string(memory),
+            "-device",
+            "ivshmem-plain,memdev=shared",
+            "-global",
+            "virtio-blk-device.request-merging=off", // or neighbours share their errors
+            "-drive",
+            "file=nbd+unix:///?socket=" + options.diskSocket +
+                ",format=raw,if=" + options.diskKind + ",werror=report,rerror=report"};
+}
+
+} // namespace
+
+Guest::Guest(const GuestOptions &options)
+    : deadline_(std::chrono::steady_clock::now() + options.timeout), memory_(makeMemory()),
+      listener_(listenAt(bellSocket)),
+      emulator_(std::make_unique<Emulator>(emulatorArguments(options, memory_.get()),
+                                           options.emulatorLog)),
+      listening_([this] { listen(); })
+{
+    theGuest = this;
+    states_[dispatcher].taken = true;
+}
+
+Guest::~Guest()
+{
+    lose("it was ended");
+    emulator_.reset();
+    ::shutdown(listener_.get(), SHUT_RDWR); // in case that it never came so far
+    listening_.join();
+    for (std::uint32_t place : places)
+        ::munmap(pointer(place), sharedBytes);
+    theGuest = nullptr;
+}
+
+Guest &Guest::current()
+{
+    if (theGuest == nullptr)
+        throw std::logic_error("no guest is running");
+    return *theGuest;
+}
+
+void Guest::listen()
+{
+    Descriptor bell(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    std::uint8_t byte = 0;
+    while (bell.get() >= 0 && receiveAll(bell.get(), &byte, 1)) {
+        std::lock_guard lock(mutex_);
+        if (byte < slots) {
+            states_[byte].busy = false;
+        } else if (byte < ended + slots) {
+            states_[byte - ended].ended = true;
+            states_[byte - ended].busy = false;
+        } else if (byte == ready) {
+            ready_ = true;
+        }
+        changed_.notify_all();
+    }
+    lose("the guest is gone");
+}
+
+void Guest::lose(const std::string &reason)
+{
+    std::lock_guard lock(mutex_);
+    if (lost_.empty())
+        lost_ = reason;
+    changed_.notify_all();
+}
+
+template<class Done> void Guest::wait(std::unique_lock<std::mutex> &lock, const Done &done)
+{
+    auto over = [&] { return done() || !lost_.empty(); };
+    if (!changed_.wait_until(lock, deadline_, over)) {
+        lost_ = "the guest does not answer";
+        changed_.notify_all();
+    }
+    if (!done())
+        throw GuestLost(lost_);
+}
+
+void Guest::waitUntilReady()
+{
+    std::unique_lock lock(mutex_);
+    wait(lock, [this] { return ready_; });
+}
+
+void Guest::post(std::uint32_t number, Request what, const std::array<std::uint32_t, 7> &arguments)
+{
+    Slot &slot = table().slot[number];
+    slot.request = static_cast<std::uint32_t>(what);
+    std::copy(arguments.begin(), arguments.end(), slot.arguments);
+    states_[number].busy = true;
+    __atomic_store_n(&slot.pending, 1, __ATOMIC_RELEASE);
+}
+
+std::int32_t Guest::request(std::uint32_t number, Request what,
+                            const std::array<std::uint32_t, 7> &arguments)
+{
+    std::unique_lock lock(mutex_);
+    State &state = states_.at(number);
+    wait(lock, [&] { return !state.busy; });
+    if (!state.ended) {
+        post(number, what, arguments);
+        wait(lock, [&] { return !state.busy; });
+    }
+    if (state.ended)
+        throw GuestLost("a process of the guest has died");
+    return table().slot[number].result;
+}
+
+std::uint32_t Guest::fork(std::uint32_t parent)
+{
+    std::uint32_t number = 0;
+    {
+        std::lock_guard lock(mutex_);
+        while (number < slots && states_[number].taken)
+            number++;
+        if (number == slots)
+            throw std::logic_error("too many processes");
+        states_[number] = {.taken = true};
+    }
+    std::int32_t result = request(parent, Request::fork, {number});
+    if (result != 0)
+        throw std::runtime_error("the guest cannot fork: " + std::to_string(result));
+    return number;
+}
+
+void Guest::exit(std::uint32_t number)
+{
+    std::unique_lock lock(mutex_);
+    State &state = states_.at(number);
+    wait(lock, [&] { return !state.busy; });
+    if (!state.ended) // a request to nobody would wait for the slot's next process
+        post(number, Request::systemCall, {SYS_exit_group, 0});
+    wait(lock, [&] { return state.ended; });
+    state = {};
+}
+
+void Guest::order(Order what)
+{
+    __atomic_store_n(&table().order, static_cast<std::uint32_t>(what), __ATOMIC_RELEASE);
+}
+
+void Guest::showBlockedTasks()
+{
+    order(Order::showBlockedTasks);
+    std::this_thread::sleep_for(std::chrono::seconds(2)); // for what the kernel prints
+}
+
+bool Guest::powerOff()
+{
+    order(Order::restart);
+    return emulator_->waitEnd(endMilliseconds);
+}
+
+GuestProcess::GuestProcess(Guest &guest, GuestProcess *parent)
+    : guest_(guest), slot_(guest.fork(parent != nullptr ? parent->slot_ : dispatcher))
+{
+}
+
+GuestProcess::~GuestProcess()
+{
+    try {
+        guest_.exit(slot_);
+    } catch (const GuestLost &) {
+        // Whoever next asks something of the guest is told.
+    }
+}
+
+} // namespace vm

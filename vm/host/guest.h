@@ -1,0 +1,122 @@
+/* The machine that is emulated, seen from outside: its processes and their system calls. */
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "../protocol.h"
+#include "descriptor.h"
+#include "emulator.h"
+
+namespace vm
+{
+
+// The guest is gone, or does not answer any more.
+class GuestLost : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+struct GuestOptions {
+    std::string kernel;
+    std::string initramfs;
+    std::string diskSocket; // of its one disk
+    std::string diskKind;   // "ide" or "virtio"
+    std::string console;    // the file for what the kernel prints
+    std::string emulatorLog;
+    std::chrono::seconds timeout; // for all that is done with it
+};
+
+// At most one at a time, as its memory has a fixed place. Any thread may use it.
+class Guest
+{
+public:
+    // Starts it; nothing may be asked before it is ready.
+    explicit Guest(const GuestOptions &options);
+    // Ends it, gently or not.
+    ~Guest();
+    Guest(const Guest &) = delete;
+
+    static Guest &current();
+    // Everything here that waits throws GuestLost if the guest ends or the time is up.
+    void waitUntilReady();
+
+    // Makes a request of a slot's process and waits for its result.
+    std::int32_t request(std::uint32_t slot, Request what,
+                         const std::array<std::uint32_t, 7> &arguments);
+
+    // Starts a process as a child of another's and gives its slot.
+    std::uint32_t fork(std::uint32_t parent);
+    // Makes the slot's process exit and waits for its end.
+    void exit(std::uint32_t slot);
+
+    // Lets the kernel print what its blocked tasks wait for, if it still can.
+    void showBlockedTasks();
+    // Ends the machine, its disks idle; false if it had to be killed.
+    bool powerOff();
+
+private:
+    struct State {
+        bool taken = false;
+        bool busy = false;  // with a request
+        bool ended = false; // its process
+    };
+
+    void listen();
+    void order(Order what);
+    void lose(const std::string &reason);
+    // Hands a request over, with mutex_ held.
+    void post(std::uint32_t number, Request what, const std::array<std::uint32_t, 7> &arguments);
+    // Waits until `done`, with `lock` on mutex_ held.
+    template<class Done> void wait(std::unique_lock<std::mutex> &lock, const Done &done);
+
+    const std::chrono::steady_clock::time_point deadline_;
+    Descriptor memory_;
+    Descriptor listener_;
+    std::unique_ptr<Emulator> emulator_;
+
+    std::mutex mutex_; // guards what follows
+    std::condition_variable changed_;
+    bool ready_ = false;
+    std::string lost_; // why
+    std::array<State, slots> states_;
+    std::thread listening_;
+};
+
+// A process of the guest, as a program sees its own: memory and system calls. One thread at a time.
+class GuestProcess
+{
+public:
+    // A child of `parent`, with its open files, or of a process that has none.
+    explicit GuestProcess(Guest &guest, GuestProcess *parent = nullptr);
+    ~GuestProcess();
+    GuestProcess(const GuestProcess &) = delete;
+
+    // A negated errno if it failed.
+    template<class... Argument> std::int32_t systemCall(std::uint32_t number, Argument... arguments)
+    {
+        return guest_.request(slot_, Request::systemCall,
+                              {number, static_cast<std::uint32_t>(arguments)...});
+    }
+    // By the process's own loads and stores: 0, or -EFAULT where it could not.
+    std::int32_t copy(std::uint32_t to, std::uint32_t from, std::uint32_t bytes)
+    {
+        return guest_.request(slot_, Request::copy, {to, from, bytes});
+    }
+
+    std::uint32_t area() const { return sharedAddress + slot_ * areaBytes; }
+
+private:
+    Guest &guest_;
+    std::uint32_t slot_;
+};
+
+} // namespace vm

@@ -1,0 +1,76 @@
+#include "kernelLog.h"
+
+#include <regex>
+#include <sstream>
+
+namespace vm
+{
+
+namespace
+{
+
+const std::regex
+    fault("BUG:|kernel BUG|Oops|WARNING:|INFO: |blocked for more than|scheduling while atomic|"
+          "sleeping function called|possible circular locking|possible recursive locking|"
+          "inconsistent lock state|possible irq lock|lock held when returning|bad unlock balance|"
+          "slab error|Objects remaining|double free|Bad page|general protection|"
+          "Kernel panic|soft lockup|stack overflow|Unable to handle",
+          std::regex::optimize);
+
+bool has(const std::string &line, const char *text)
+{
+    return line.find(text) != std::string::npos;
+}
+
+// Whether the report that begins at `at` names just the locks that a freeze of ext3 holds or takes.
+bool isOfAnyFreeze(const std::vector<std::string> &lines, std::size_t at)
+{
+    bool circle = has(lines[at], "possible circular locking");
+    if (!circle && !has(lines[at], "lock held when returning"))
+        return false;
+    constexpr std::size_t headLines = 12;
+    unsigned locks = 0;
+    for (std::size_t i = at + 1; i < lines.size() && i < at + headLines; i++) {
+        if (!has(lines[i], ", at: [<"))
+            continue;
+        locks++;
+        bool expected = circle && locks == 1
+                            ? has(lines[i], "bd_fsfreeze_mutex") && has(lines[i], "thaw_bdev")
+                            : has(lines[i], "j_barrier") || has(lines[i], "s_umount_key");
+        if (!expected)
+            return false;
+        if (circle && locks == 2)
+            break;
+    }
+    return locks != 0;
+}
+
+} // namespace
+
+FaultReports faultReports(const std::string &log)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(log);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    FaultReports found;
+    for (std::size_t i = 0; i < lines.size(); i++) {
+        if (!std::regex_search(lines[i], fault))
+            continue;
+        if (isOfAnyFreeze(lines, i))
+            found.ofAnyFreeze++;
+        else
+            found.lines.push_back(lines[i]);
+    }
+    return found;
+}
+
+std::string lastLines(const std::string &log, unsigned count)
+{
+    std::size_t at = log.size();
+    for (unsigned i = 0; i <= count && at != std::string::npos && at != 0; i++)
+        at = log.rfind('\n', at - 1);
+    return at == std::string::npos || at == 0 ? log : log.substr(at + 1);
+}
+
+} // namespace vm

@@ -1,0 +1,23 @@
+/* Looks through what a kernel has printed for reports of something wrong. */
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace vm
+{
+
+struct FaultReports {
+    // The lines that report a fault of the kernel or of what runs in it.
+    std::vector<std::string> lines;
+    // How many reports were left out since a 2.6.30 kernel makes them of any freeze of ext3: it
+    // keeps the journal's barrier from one system call to another. Its lock checking is off then.
+    unsigned ofAnyFreeze = 0;
+};
+
+FaultReports faultReports(const std::string &log);
+
+// The last so many lines.
+std::string lastLines(const std::string &log, unsigned count);
+
+} // namespace vm

@@ -1,0 +1,229 @@
+/* Runs the scenarios in a real kernel under an emulator and prints a line for each. */
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <map>
+
+#include <getopt.h>
+
+#include "environment.h"
+#include "initramfs.h"
+#include "kernelLog.h"
+#include "selfChecks.h"
+
+namespace
+{
+
+using scenario::Scenario;
+
+struct Options {
+    std::string kernel;
+    std::string module;
+    std::string guest;
+    std::string folder;
+    std::vector<std::string> disks;
+    std::vector<std::string> names; // of scenarios: those that contain one of them
+    unsigned timeout = 300;         // seconds, for each scenario
+};
+
+struct Totals {
+    unsigned passed = 0;
+    unsigned failed = 0;
+    unsigned skipped = 0;
+};
+
+std::string contentsOf(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        throw std::runtime_error(path + ": cannot be read");
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+[[noreturn]] void usage()
+{
+    std::cerr << "usage: vm_scenarios --kernel FILE --module FILE --guest FILE --folder FOLDER\n"
+                 "                    [--disk ide|virtio]... [--timeout SECONDS] [NAME...]\n";
+    std::exit(2);
+}
+
+Options parse(int count, char **arguments)
+{
+    const option known[] = {{"kernel", required_argument, nullptr, 'k'},
+                            {"module", required_argument, nullptr, 'm'},
+                            {"guest", required_argument, nullptr, 'g'},
+                            {"folder", required_argument, nullptr, 'f'},
+                            {"disk", required_argument, nullptr, 'd'},
+                            {"timeout", required_argument, nullptr, 't'},
+                            {}};
+    Options options;
+    std::map<int, std::string *> texts = {{'k', &options.kernel},
+                                          {'m', &options.module},
+                                          {'g', &options.guest},
+                                          {'f', &options.folder}};
+    int found = 0;
+    while ((found = getopt_long(count, arguments, "", known, nullptr)) != -1) {
+        if (found == 'd')
+            options.disks.push_back(optarg);
+        else if (found == 't')
+            options.timeout = static_cast<unsigned>(std::atoi(optarg));
+        else if (texts.count(found) != 0)
+            *texts[found] = std::filesystem::absolute(optarg);
+        else
+            usage();
+    }
+    for (const auto &[letter, text] : texts)
+        if (text->empty())
+            usage();
+    options.names.assign(arguments + optind, arguments + count);
+    if (options.disks.empty())
+        options.disks = {"ide", "virtio"};
+    return options;
+}
+
+bool chosen(const Options &options, const std::string &name)
+{
+    if (options.names.empty())
+        return true;
+    for (const std::string &part : options.names)
+        if (name.find(part) != std::string::npos)
+            return true;
+    return false;
+}
+
+void expectLoad(int result, const char *what)
+{
+    if (result != 0)
+        throw scenario::Failure(std::string(what) + " the module failed with " +
+                                std::to_string(result));
+}
+
+vm::GuestScenario withModule(const Scenario &scenario)
+{
+    return {scenario.name, scenario.layout, [run = scenario.run](vm::Environment &environment) {
+                expectLoad(environment.load(), "loading");
+                run(environment);
+                expectLoad(environment.unload(), "unloading");
+            }};
+}
+
+// Empty, or why it failed.
+std::string runInGuest(const vm::Setting &setting, const vm::GuestScenario &scenario)
+{
+    std::string problem;
+    try {
+        vm::Environment environment(setting, scenario.layout);
+        try {
+            scenario.run(environment);
+        } catch (const vm::GuestLost &lost) {
+            environment.guest().showBlockedTasks();
+            return std::string(lost.what()) + "; the end of the kernel log:\n" +
+                   vm::lastLines(contentsOf(setting.console), 60);
+        } catch (const std::exception &failure) {
+            problem = failure.what();
+        }
+        if (problem.empty())
+            problem = environment.end();
+    } catch (const std::exception &failure) {
+        if (problem.empty())
+            problem = std::string(failure.what()) + "; the end of the kernel log:\n" +
+                      vm::lastLines(contentsOf(setting.console), 40);
+    }
+    vm::FaultReports reports = vm::faultReports(contentsOf(setting.console));
+    if (reports.ofAnyFreeze != 0)
+        std::printf("note: the kernel's lock checking ended at its own report of a freeze\n");
+    for (const std::string &line : reports.lines)
+        problem += (problem.empty() ? "the kernel reports: " : "\n    and ") + line;
+    return problem;
+}
+
+class Run
+{
+public:
+    explicit Run(const Options &options) : options_(options)
+    {
+        setting_.kernel = options.kernel;
+        setting_.initramfs = "initramfs";
+        setting_.console = "scenario.log";
+        setting_.emulatorLog = "emulator.log";
+        setting_.timeout = std::chrono::seconds(options.timeout);
+        std::string module = contentsOf(options.module);
+        setting_.module = "/zelmod.ko";
+        setting_.moduleBytes = static_cast<std::uint32_t>(module.size());
+        vm::writeInitramfs(setting_.initramfs,
+                           {{"init", contentsOf(options.guest)}, {"zelmod.ko", module}});
+        std::filesystem::remove(setting_.emulatorLog);
+        log_.open("console.log", std::ios::trunc);
+    }
+
+    void run(const vm::GuestScenario &scenario, const std::string &disk)
+    {
+        std::string name = scenario.name + " on " + disk;
+        setting_.diskKind = disk;
+        std::filesystem::remove(setting_.console);
+        std::ofstream(setting_.console).close();
+        auto begin = std::chrono::steady_clock::now();
+        std::string problem = runInGuest(setting_, scenario);
+        std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
+        log_ << "=== " << name << '\n' << contentsOf(setting_.console) << std::flush;
+        (problem.empty() ? totals_.passed : totals_.failed)++;
+        std::printf("%s %s (%.1f s)\n", problem.empty() ? "passed " : "FAILED ", name.c_str(),
+                    taken.count());
+        if (!problem.empty())
+            std::printf("    %s\n", problem.c_str());
+        std::fflush(stdout);
+    }
+
+    void skip(const Scenario &scenario, const char *reason)
+    {
+        totals_.skipped++;
+        std::printf("skipped %s: %s\n", scenario.name.c_str(), reason);
+    }
+
+    const Totals &totals() const { return totals_; }
+
+private:
+    const Options &options_;
+    vm::Setting setting_;
+    Totals totals_;
+    std::ofstream log_;
+};
+
+int runAll(const Options &options)
+{
+    std::filesystem::create_directories(options.folder);
+    std::filesystem::current_path(options.folder);
+    Run run(options);
+    std::vector<vm::GuestScenario> all = vm::selfChecks();
+    for (auto list :
+         {scenario::chainScenarios, scenario::spoiltScenarios, scenario::writerScenarios,
+          scenario::unloadScenarios, scenario::readerScenarios})
+        for (const Scenario &scenario : list())
+            all.push_back(withModule(scenario));
+    for (const vm::GuestScenario &scenario : all)
+        if (chosen(options, scenario.name))
+            for (const std::string &disk : options.disks)
+                run.run(scenario, disk);
+    for (const Scenario &scenario : scenario::failureScenarios())
+        if (chosen(options, scenario.name))
+            run.skip(scenario, "a real kernel's calls cannot be made to fail one by one");
+    const Totals &totals = run.totals();
+    std::printf("%u passed, %u failed, %u skipped\n", totals.passed, totals.failed, totals.skipped);
+    return totals.failed == 0 && totals.passed != 0 ? 0 : 1;
+}
+
+} // namespace
+
+int main(int count, char **arguments)
+{
+    Options options = parse(count, arguments);
+    try {
+        return runAll(options);
+    } catch (const std::exception &failure) {
+        std::cerr << "vm: " << failure.what() << '\n';
+        return 1;
+    }
+}

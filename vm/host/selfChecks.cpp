@@ -1,0 +1,185 @@
+#include "selfChecks.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include <fcntl.h>
+#include <linux/fs.h>
+
+#include "kernelLog.h"
+
+namespace vm
+{
+namespace
+{
+
+using scenario::expect;
+using scenario::expectEqual;
+using scenario::Image;
+
+void freezeAndThaw(Environment &env, unsigned index)
+{
+    Worker worker(env.guest());
+    int folder = worker.open(env.folder(index), O_RDONLY);
+    expect(folder >= 0, "a mounted folder");
+    expectEqual(worker.control(folder, FIFREEZE), 0, "the result of freezing");
+    expectEqual(worker.control(folder, FITHAW), 0, "the result of thawing");
+}
+
+std::uint32_t blockOfSuperblock(Environment &env, unsigned index)
+{
+    return env.blockSize(index) == 1024 ? 1 : 0;
+}
+
+Image placeOf(Environment &env, const Image &image, unsigned index, std::uint32_t place)
+{
+    auto size = static_cast<std::ptrdiff_t>(env.blockSize(index));
+    auto from = image.begin() + env.blockAt(index, place) * size;
+    return {from, from + size};
+}
+
+// A freeze is seen on its own device, with all that was written before it and nothing after.
+void seesFreezes(Environment &env)
+{
+    Image first = env.frozen(0);
+    Image other = env.frozen(1);
+    env.write(0, 3, 5);
+    expectEqual(env.writeThrough(0, 20, 2), 0, "the result of a direct write");
+    freezeAndThaw(env, 0);
+    Image second = env.frozen(0);
+    env.write(0, 3, 1);
+    env.sync(0);
+    expect(env.frozen(0) == second, "nothing of what follows the freeze");
+    expect(env.frozen(1) == other, "a device that was not frozen to have no freeze");
+    for (std::uint32_t place = 0; place < env.places(0); place++) {
+        bool written = (place >= 3 && place < 8) || place == 20 || place == 21;
+        expect((placeOf(env, first, 0, place) != placeOf(env, second, 0, place)) == written,
+               "place " + std::to_string(place) + " at the freeze as it was written before");
+    }
+    expect(env.lostWrites(0).empty(), "no write to be lost");
+}
+
+// What a file system writes for itself is known block by block, and what a thaw writes as told.
+void knowsTheFileSystemsBlocks(Environment &env)
+{
+    freezeAndThaw(env, 0);
+    freezeAndThaw(env, 0);
+    expectEqual(test::countBits(env.changedByFileSystem(0)), env.blocksChangedByThaw(),
+                "the number of blocks from a thaw to the next freeze");
+    expect(test::testBit(env.changedByFileSystem(0), blockOfSuperblock(env, 0)),
+           "the superblock among them");
+    env.write(0, 9, 1);
+    freezeAndThaw(env, 0);
+    test::Bitmap changed = env.changedByFileSystem(0);
+    expect(test::countBits(changed) > env.blocksChangedByThaw(), "a journal that was written to");
+    for (std::uint32_t place = 0; place < env.places(0); place++)
+        expect(!test::testBit(changed, env.blockAt(0, place)), "no place among them");
+}
+
+// What was written and is not on the disk is missed, whether it is old or torn.
+void missesLostWrites(Environment &env)
+{
+    env.write(0, 7, 1);
+    env.sync(0);
+    Image before = env.contents(0);
+    env.write(0, 7, 1);
+    expect(env.lostWrites(0).empty(), "no write to be lost yet");
+    Image after = env.contents(0);
+    Image old = placeOf(env, before, 0, 7);
+    Image torn = placeOf(env, after, 0, 7);
+    expect(old != torn, "the write to be on the disk");
+    std::copy(old.begin(), old.begin() + static_cast<std::ptrdiff_t>(old.size() / 2), torn.begin());
+    for (const Image &bytes : {old, torn}) {
+        env.spoil(0, 7, bytes);
+        expect(!env.lostWrites(0).empty(), "a lost write to be missed");
+    }
+    env.spoil(0, 7, placeOf(env, after, 0, 7));
+    expect(env.lostWrites(0).empty(), "no write to be lost");
+    env.spoil(0, 8, old);
+    freezeAndThaw(env, 0);
+    env.spoil(0, 8, placeOf(env, after, 0, 8));
+    expect(!env.lostWrites(0).empty(), "a write that was lost at a freeze to be missed");
+}
+
+void failsReads(Environment &env)
+{
+    env.failReads(0, 5, 1);
+    Worker worker(env.guest());
+    int disk = worker.open(env.node(0), O_RDONLY | O_DIRECT);
+    expect(disk >= 0, "an open disk");
+    auto read = [&](std::uint32_t place) {
+        return worker.readDirect(disk, std::uint64_t{env.blockAt(0, place)} * env.blockSize(0),
+                                 env.blockSize(0));
+    };
+    expectEqual(read(4), 0, "the result of reading before the bad block");
+    expectEqual(read(5), -EIO, "the result of reading it");
+    expectEqual(read(6), 0, "the result of reading after it");
+    env.clearReadFailures();
+    expectEqual(read(5), 0, "the result of reading it later");
+}
+
+// A process that dies in a request is no result, and the others go on.
+void noticesDeaths(Environment &env)
+{
+    bool lost = false;
+    {
+        GuestProcess process(env.guest());
+        try {
+            constexpr unsigned killed = 9;
+            std::int32_t self = process.systemCall(SYS_getpid);
+            process.systemCall(SYS_kill, self, killed);
+        } catch (const GuestLost &) {
+            lost = true;
+        }
+    }
+    expect(lost, "a death to be noticed");
+    env.write(0, 1, 1);
+    expect(env.lostWrites(0).empty(), "no write to be lost");
+}
+
+void findsFaultReports(Environment &)
+{
+    const std::string circle = "[ INFO: possible circular locking dependency detected ]\n";
+    const std::string fine = "[ 1.2] Bringing up CPUs\n[ 1.3] EXT3-fs: mounted filesystem\n";
+    for (std::string report :
+         {"[   12.3] BUG: soft lockup - CPU#0 stuck for 61s!\n", "Oops: 0000 [#1] SMP\n",
+          "WARNING: at fs/buffer.c:1186 mark_buffer_dirty+0x23/0x72()\n",
+          "INFO: task kbackupd:812 blocked for more than 120 seconds.\n",
+          "BUG: scheduling while atomic: agent/812/0x00000002\n",
+          "slab error in kmem_cache_destroy(): cache `pages': Can't free all objects\n"})
+        expect(faultReports(fine + report + fine).lines.size() == 1, "a report: " + report);
+    expect(faultReports(fine).lines.empty(), "no report where there is none");
+
+    const std::string thaw =
+        " (&bdev->bd_fsfreeze_mutex){+.+...}, at: [<c10a45f9>] thaw_bdev+0x1a\n";
+    const std::string barrier = " (&journal->j_barrier){+.+...}, at: [<c10f8e98>] lock_updates\n";
+    const std::string own = " (&(&b->writers)->rw){+.+...}, at: [<f823d648>] zelMRF [zelmod]\n";
+    const std::string held = "[ BUG: lock held when returning to user space! ]\n";
+    expectEqual(faultReports(circle + thaw + barrier).ofAnyFreeze, 1u, "the kernel's own reports");
+    expect(faultReports(circle + thaw + barrier).lines.empty(), "the kernel's own circle left out");
+    expect(faultReports(circle + own + barrier).lines.size() == 1, "a circle of the module's");
+    expect(faultReports(circle + thaw + own).lines.size() == 1, "another one");
+    expect(faultReports(held + "1 lock held:\n #0: " + barrier).lines.empty(),
+           "what a freeze holds left out");
+    expect(faultReports(held + "2 locks held:\n #0: " + barrier + " #1: " + own).lines.size() == 1,
+           "what the module holds");
+}
+
+} // namespace
+
+std::vector<GuestScenario> selfChecks()
+{
+    return {
+        {"EnvironmentSeesFreezes", {1, {4096, 1024}, true}, seesFreezes},
+        {"EnvironmentKnowsTheFileSystemsBlocks", {}, knowsTheFileSystemsBlocks},
+        {"EnvironmentKnowsTheFileSystemsBlocksOf1024",
+         {1, {1024}, false},
+         knowsTheFileSystemsBlocks},
+        {"EnvironmentMissesLostWrites", {}, missesLostWrites},
+        {"EnvironmentFailsReads", {}, failsReads},
+        {"EnvironmentNoticesDeaths", {}, noticesDeaths},
+        {"EnvironmentFindsFaultReports", {}, findsFaultReports},
+    };
+}
+
+} // namespace vm

@@ -1,0 +1,18 @@
+/* Checks of the environment itself, which need no module: it must see what scenarios rely on. */
+#pragma once
+
+#include "environment.h"
+
+namespace vm
+{
+
+// A scenario, of this environment only.
+struct GuestScenario {
+    std::string name;
+    scenario::Layout layout;
+    std::function<void(Environment &)> run; // throws scenario::Failure
+};
+
+std::vector<GuestScenario> selfChecks();
+
+} // namespace vm

@@ -1,0 +1,59 @@
+/* A process of the guest that prepares the machine and writes to its disks. */
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <sys/syscall.h>
+
+#include "guest.h"
+
+namespace vm
+{
+
+// Each method is a system call or a few, and gives a negated errno if one failed.
+class Worker
+{
+public:
+    explicit Worker(Guest &guest) : process_(guest) {}
+
+    int open(const std::string &path, int flags);
+    int close(int file) { return process_.systemCall(SYS_close, file); }
+    // The first bytes of a file; empty if there are none or no such file.
+    std::string read(const std::string &path);
+    int write(const std::string &path, const std::string &text);
+    int makeFolder(const std::string &path);
+    int makeNode(const std::string &path, unsigned kind, unsigned major, unsigned minor);
+    int mount(const std::string &device, const std::string &folder, const std::string &type,
+              const std::string &options);
+    int unmount(const std::string &folder);
+
+    // Into a file at an offset; through memory of the process that is aligned for direct transfers
+    // if asked for. -EIO too if not all was written.
+    int writeAt(int file, std::uint64_t offset, const std::vector<unsigned char> &bytes,
+                bool direct);
+    // A direct read, whose bytes are not looked at.
+    int readDirect(int file, std::uint64_t offset, std::uint32_t bytes);
+    int control(int file, std::uint32_t command)
+    {
+        return process_.systemCall(SYS_ioctl, file, command, 0);
+    }
+    int sync(int file) { return process_.systemCall(SYS_fsync, file); }
+
+    int loadModule(const std::string &path, std::uint32_t bytes);
+    int unloadModule(const std::string &name);
+
+private:
+    std::uint32_t text(unsigned number, const std::string &value);
+    std::uint32_t data() const { return process_.area() + textBytes * texts; }
+    // Memory of the process alone, as most memory is.
+    int mapOwnMemory();
+
+    static constexpr std::uint32_t textBytes = 4096;
+    static constexpr std::uint32_t texts = 16;
+
+    GuestProcess process_;
+    std::uint32_t ownMemory_ = 0;
+};
+
+} // namespace vm
