@@ -85,6 +85,8 @@ int newAMS(Backup *b, AutoMapSession **amSession)
         printk("<3>%s: failed to create new device map%s", __func__, "\n");
         return ret;
     }
+    /* A class of its own for lock checking: the exchange of maps holds a backup's lock, too. */
+    spin_lock_init(&ams->map.usersLock);
     atomic_add(numPages, &curAllocAMPages);
     atomic_set(&ams->users, 1);
     spin_lock_init(&ams->usersLock);
