@@ -76,6 +76,8 @@ public:
     // The disk's own make_request_fn.
     static int makeRequest(request_queue *queue, bio *record);
     void serve();
+    // Draws when a request that comes now is served.
+    void start(Request &request, std::uint64_t now) const;
 
     const DiskOptions options;
     gendisk disk;
@@ -96,7 +98,6 @@ public:
 
 private:
     int expectedError(const bio *record, const Request &request) const;
-    void start(Request &request);
     // Which of the requests to serve next.
     std::size_t choose(const std::vector<Request> &requests) const;
     void complete(const Request &request);
@@ -152,12 +153,12 @@ int DiskState::expectedError(const bio *record, const Request &request) const
     return 0;
 }
 
-void DiskState::start(Request &request)
+void DiskState::start(Request &request, std::uint64_t now) const
 {
     std::uint64_t random = randomNumber();
     std::uint64_t latency =
         options.maxLatencyNanoseconds ? random % options.maxLatencyNanoseconds : 0;
-    request.due = nowNanoseconds() + latency;
+    request.due = now + latency;
     request.rank = random;
 }
 
@@ -193,7 +194,7 @@ int DiskState::makeRequest(request_queue *queue, bio *record)
         (*observer)(record, request.sector, request.bytes, request.write);
     auto filter = state.holdFilter.get();
     bool hold = filter && (!*filter || (*filter)(record));
-    state.start(request);
+    state.start(request, nowNanoseconds());
 
     // Counted first: it may have ended before this returns.
     state.owed.fetch_add(1, std::memory_order_relaxed);
@@ -441,6 +442,9 @@ unsigned DiskImpl::letGo(unsigned index, unsigned count, bool endHolding)
         held.erase(from, to);
     });
     auto moved = static_cast<unsigned>(released.size());
+    std::uint64_t now = nowNanoseconds();
+    for (Request &request : released)
+        state_->start(request, now); // not when it came: that may be long ago
     state_->idle.wake([&] { state_->inFlight += moved; });
     state_->work.wake(
         [&] { state_->arrived.insert(state_->arrived.end(), released.begin(), released.end()); });
