@@ -35,7 +35,7 @@ HiddenMutex orderMutex;
 std::array<std::array<std::atomic<std::uint32_t>, maxLockClasses / 32>, maxLockClasses> seenOrder;
 std::map<std::uint16_t, std::vector<std::uint16_t>> successors;
 std::map<std::pair<std::uint16_t, std::uint16_t>, Edge> edges;
-std::set<std::pair<std::uint32_t, std::uint32_t>> instanceOrder; // within one class
+std::set<std::pair<std::uint32_t, std::uint32_t>> instanceOrder; // of semaphores
 std::vector<Cycle> unsettledCycles;
 
 /*
@@ -133,7 +133,8 @@ void noteClassOrder(const HeldLock &held, std::uint16_t taken, const void *site)
         reportViolation("lock order", violation);
 }
 
-void noteInstanceOrder(const HeldLock &held, const LockHead &taken, const void *site)
+// Semaphores of one class may nest, as long as they do so in one order.
+void noteSemaphoreOrder(const HeldLock &held, const LockHead &taken, const void *site)
 {
     {
         HiddenScope scope(orderMutex);
@@ -145,6 +146,16 @@ void noteInstanceOrder(const HeldLock &held, const LockHead &taken, const void *
     reportViolation("lock order", name + " -> " + name + ": two locks of one class are taken in " +
                                       "both orders, now by " + currentName() + " at " +
                                       symbolName(held.site) + " and " + symbolName(site));
+}
+
+// The real kernel's lock checking, which knows all kinds but semaphores, takes this for recursion,
+// whatever the order, and then checks no more.
+void reportNesting(const HeldLock &held, const LockHead &taken, const void *site)
+{
+    std::string name = lockName(taken);
+    reportViolation("lock nesting", name + " -> " + name + ": two locks of one class are held " +
+                                        "at once, by " + currentName() + " from " +
+                                        symbolName(held.site) + " and " + symbolName(site));
 }
 
 } // namespace
@@ -188,7 +199,8 @@ std::uint16_t findLockClass(const char *name, const void *key, LockKind kind)
 void noteOrder(const HeldLock &held, const LockHead &taken, const void *site)
 {
     if (held.lockClass == taken.lockClass)
-        return noteInstanceOrder(held, taken, site);
+        return taken.kind == lockSemaphore ? noteSemaphoreOrder(held, taken, site)
+                                           : reportNesting(held, taken, site);
     std::uint32_t bits =
         seenOrder[held.lockClass][taken.lockClass / 32].load(std::memory_order_relaxed);
     if ((bits >> (taken.lockClass % 32) & 1) == 0)

@@ -108,23 +108,45 @@ TEST_P(LockOrderTest, OrdersHoldForClassesNotForSingleLocks)
     EXPECT_EQ(onlyViolation().find("lock order: c -> &b -> c"), 0u);
 }
 
-TEST_P(LockOrderTest, TwoLocksOfOneClassInBothOrders)
+TEST_P(LockOrderTest, TwoSemaphoresOfOneClassInBothOrders)
 {
     inKernel([] {
         Locks first;
         Locks second;
-        auto take = [](spinlock_t *outer, spinlock_t *inner) {
-            unsigned long outerFlags = spin_lock_irqsave(outer);
-            unsigned long innerFlags = spin_lock_irqsave(inner);
-            spin_unlock_irqrestore(inner, innerFlags);
-            spin_unlock_irqrestore(outer, outerFlags);
+        auto take = [](struct semaphore *outer, struct semaphore *inner) {
+            down(outer);
+            down(inner);
+            up(inner);
+            up(outer);
         };
-        take(&first.d, &second.d);
-        take(&first.d, &second.d);
+        take(&first.a, &second.a);
+        take(&first.a, &second.a);
         EXPECT_EQ(Kernel::current().violations(), std::vector<std::string>{});
-        take(&second.d, &first.d);
+        take(&second.a, &first.a);
     });
-    EXPECT_EQ(onlyViolation().find("lock order: &d -> &d: two locks of one class"), 0u);
+    EXPECT_EQ(onlyViolation().find("lock order: &a -> &a: two locks of one class"), 0u);
+}
+
+TEST_P(LockOrderTest, TwoOtherLocksOfOneClassAtOnce)
+{
+    inKernel([] {
+        Locks first;
+        Locks second;
+        unsigned long flags = spin_lock_irqsave(&first.d);
+        unsigned long innerFlags = spin_lock_irqsave(&second.d);
+        spin_unlock_irqrestore(&second.d, innerFlags);
+        spin_unlock_irqrestore(&first.d, flags);
+    });
+    EXPECT_EQ(onlyViolation().find("lock nesting: &d -> &d: two locks of one class"), 0u);
+    inKernel([] {
+        Locks first;
+        Locks second;
+        down_read(&first.b);
+        down_read(&second.b);
+        up_read(&second.b);
+        up_read(&first.b);
+    });
+    EXPECT_EQ(onlyViolation().find("lock nesting: &b -> &b: two locks of one class"), 0u);
 }
 
 TEST_P(LockOrderTest, TryingALockIsNoOrder)
