@@ -140,12 +140,31 @@ bool Task::ended() const
     return impl_->hasEnded;
 }
 
+namespace
+{
+
+bool isAsleep(TaskImpl &task)
+{
+    lockGuard(task.sleepGuard);
+    bool asleep = task.sleeping != nullptr &&
+                  task.sleeping->state.load(std::memory_order_relaxed) == 0; // else it was woken
+    unlockGuard(task.sleepGuard);
+    return asleep;
+}
+
+} // namespace
+
 bool Task::asleep() const
 {
-    lockGuard(impl_->sleepGuard);
-    bool asleep = impl_->sleeping != nullptr;
-    unlockGuard(impl_->sleepGuard);
-    return asleep;
+    return isAsleep(*impl_);
+}
+
+bool othersAsleep()
+{
+    HiddenScope scope(core->mutex);
+    return std::all_of(core->tasks.begin(), core->tasks.end(), [](const auto &task) {
+        return task.get() == currentTaskImpl || isAsleep(*task);
+    });
 }
 
 int Task::pid() const

@@ -57,7 +57,9 @@ const host::ModuleImage &checksImage()
 
 void settle()
 {
-    host::sleepNanoseconds(30'000'000);
+    do
+        host::sleepNanoseconds(1'000'000);
+    while (!host::othersAsleep());
 }
 
 void sendSignal(int pid, int signal)

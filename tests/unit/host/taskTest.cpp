@@ -113,6 +113,30 @@ TEST_P(TaskTest, ExceptionsInFlightStayWithTheirTask)
     });
 }
 
+TEST_P(TaskTest, OthersAreAsleepWhenNoneIsAwake)
+{
+    inKernel([&] {
+        std::atomic<bool> stop = false;
+        bool woken = false;
+        Task sleeper = spawn("sleeper", [&] { queue_.wait([&] { return woken; }); });
+        Task busy = spawn("busy", [&] {
+            while (!stop)
+                yield();
+        });
+        while (!sleeper.asleep())
+            yield();
+        EXPECT_FALSE(othersAsleep());
+        stop = true;
+        busy.join();
+        while (!othersAsleep())
+            yield();
+        EXPECT_FALSE(sleeper.ended());
+        queue_.wake([&] { woken = true; });
+        EXPECT_FALSE(sleeper.asleep()) << "a task that was woken, though it may not have run yet";
+        sleeper.join();
+    });
+}
+
 TEST_P(TaskTest, SleepingTakesTheKernelsTime)
 {
     inKernel([] {

@@ -57,6 +57,10 @@ struct TaskOptions {
 Task spawn(std::function<void()> body, const TaskOptions &options = {});
 Task spawn(const std::string &name, std::function<void()> body);
 
+// Whether every task but the caller's sleeps, services as well. That may change at any time if one
+// of them waits for time to pass.
+bool othersAsleep();
+
 Task currentTask();
 Task findTask(int pid);             // one that has not ended, or an empty handle
 Process *currentProcess();          // nullptr for a kernel thread
