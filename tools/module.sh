@@ -1,5 +1,6 @@
 #!/bin/bash
-# Builds build/module/zelmod.ko for a real kernel, given the path of its configured and built tree.
+# Builds build/module/zelmod.ko for a real kernel, given the path of its configured and built tree, and
+# beside it zelcontract.ko, the contract's checks as a module.
 # Called by: make module KDIR=<tree>. Writes nothing into the tree.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
@@ -107,6 +108,10 @@ layOut()
     ln -s "$PWD/kernel/cxx.lds" "$out/cxx.lds"
     cp -rsT "$PWD/kernel/include" "$out/include"
     cp -rsT "$PWD/zelmod/2.6" "$out/zelmod"
+    local source
+    for source in "$PWD"/tests/contract/*.{h,cpp}; do
+        [[ $source == *Test.cpp ]] || ln -s "$source" "$out/contract/"
+    done
     # What was generated is another kernel's if the tree is another one.
     if [ "$(cat "$out/tree" 2>/dev/null)" != "$tree" ]; then
         find "$out" -name '*.o' -delete -o -name '.*.cmd' -delete
@@ -136,15 +141,21 @@ check()
     fi
     ! grep -q '" \[.*\] undefined!' "$out/build.log" ||
         fail "the kernel in $tree does not export what the module needs (see above)"
-    tools/check-kernel-objects.sh --merged "$out/cxx.o" &&
-        tools/check-kernel-objects.sh --module "$out/zelmod.ko" ||
-        fail "the module would not work in the kernel (see above)"
+    local file
+    for file in "$out"/{,contract/}cxx.o; do
+        tools/check-kernel-objects.sh --merged "$file" || fail "the C++ objects would not work in the" \
+            "kernel (see above)"
+    done
+    for file in "$out"/{zelmod,zelcontract}.ko; do
+        tools/check-kernel-objects.sh --module "$file" ||
+            fail "$(basename "$file") would not work in the kernel (see above)"
+    done
 }
 
 # What is left of a build that was refused is not for loading.
 removeUnchecked()
 {
-    [ "${checked:-}" = yes ] || rm -f "$out/zelmod.ko"
+    [ "${checked:-}" = yes ] || rm -f "$out"/{zelmod,zelcontract}.ko
 }
 
 checkTree
@@ -154,5 +165,5 @@ layOut
 build
 check
 checked=yes
-echo "module: build/module/zelmod.ko for $(cat "$tree/include/config/kernel.release" 2>/dev/null ||
+echo "module: build/module/zelmod.ko (and zelcontract.ko) for $(cat "$tree/include/config/kernel.release" 2>/dev/null ||
     kernelVersion)"
