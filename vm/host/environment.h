@@ -5,6 +5,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <thread>
 
 #include "blockServer.h"
@@ -37,6 +38,8 @@ public:
     Environment(const Setting &setting, const scenario::Layout &layout);
     ~Environment() override;
 
+    // Unmounts the device's file system; what then becomes of it does not matter.
+    void giveUp(unsigned index);
     // Unmounts and ends the guest. Empty, or what was not as it must be.
     std::string end();
     Guest &guest() { return *guest_; }
@@ -120,6 +123,7 @@ private:
     std::string diskFolder_; // in the guest's /sys
     std::unique_ptr<Disk> disk_;
     std::vector<std::unique_ptr<Device>> devices_;
+    std::set<unsigned> givenUp_;
     std::unique_ptr<BlockServer> server_;
     std::unique_ptr<Guest> guest_;
     std::mutex mutex_; // guards writers_

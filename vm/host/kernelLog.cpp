@@ -65,6 +65,14 @@ FaultReports faultReports(const std::string &log)
     return found;
 }
 
+std::string describe(const FaultReports &reports)
+{
+    std::string text;
+    for (const std::string &line : reports.lines)
+        text += (text.empty() ? "the kernel reports: " : "\n    and ") + line;
+    return text;
+}
+
 std::string lastLines(const std::string &log, unsigned count)
 {
     std::size_t at = log.size();

@@ -17,6 +17,9 @@ struct FaultReports {
 
 FaultReports faultReports(const std::string &log);
 
+// All of them as one problem; empty if there are none.
+std::string describe(const FaultReports &reports);
+
 // The last so many lines.
 std::string lastLines(const std::string &log, unsigned count);
 

@@ -1,4 +1,5 @@
 /* Runs the scenarios in a real kernel under an emulator and prints a line for each. */
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -9,6 +10,7 @@
 
 #include <getopt.h>
 
+#include "contract.h"
 #include "environment.h"
 #include "initramfs.h"
 #include "kernelLog.h"
@@ -94,6 +96,14 @@ bool chosen(const Options &options, const std::string &name)
     return false;
 }
 
+// Its checks are known only in the guest: by a name that begins like theirs.
+bool contractChosen(const Options &options)
+{
+    return options.names.empty() ||
+           std::any_of(options.names.begin(), options.names.end(),
+                       [](const std::string &part) { return part.rfind("Contract", 0) == 0; });
+}
+
 void expectLoad(int result, const char *what)
 {
     if (result != 0)
@@ -135,9 +145,8 @@ std::string runInGuest(const vm::Setting &setting, const vm::GuestScenario &scen
     vm::FaultReports reports = vm::faultReports(contentsOf(setting.console));
     if (reports.ofAnyFreeze != 0)
         std::printf("note: the kernel's lock checking ended at its own report of a freeze\n");
-    for (const std::string &line : reports.lines)
-        problem += (problem.empty() ? "the kernel reports: " : "\n    and ") + line;
-    return problem;
+    std::string reported = vm::describe(reports);
+    return problem.empty() || reported.empty() ? problem + reported : problem + "\n    " + reported;
 }
 
 class Run
@@ -156,6 +165,7 @@ public:
         vm::writeInitramfs(setting_.initramfs,
                            {{"init", contentsOf(options.guest)}, {"zelmod.ko", module}});
         std::filesystem::remove(setting_.emulatorLog);
+        std::ofstream(setting_.console, std::ios::trunc);
         log_.open("console.log", std::ios::trunc);
     }
 
@@ -163,12 +173,51 @@ public:
     {
         std::string name = scenario.name + " on " + disk;
         setting_.diskKind = disk;
-        std::filesystem::remove(setting_.console);
-        std::ofstream(setting_.console).close();
         auto begin = std::chrono::steady_clock::now();
         std::string problem = runInGuest(setting_, scenario);
         std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
+        keepConsole(name);
+        report(name, problem, taken);
+    }
+
+    // The checks of the contract, if their module is there.
+    void runContract(const std::string &module, const std::string &disk)
+    {
+        vm::ContractRun run{setting_, {}, {}, {}};
+        run.setting.diskKind = disk;
+        run.setting.initramfs = "contract.initramfs";
+        run.setting.module = "/zelcontract.ko";
+        std::string contents = contentsOf(module);
+        run.setting.moduleBytes = static_cast<std::uint32_t>(contents.size());
+        vm::writeInitramfs(run.setting.initramfs,
+                           {{"init", contentsOf(options_.guest)}, {"zelcontract.ko", contents}});
+        run.chosen = [&](const std::string &name) { return chosen(options_, name); };
+        run.report = [&](const vm::CheckResult &result) {
+            report(result.name + " on " + disk, result.problem, result.taken);
+        };
+        run.booted = [&] { keepConsole("Contract on " + disk); };
+        vm::runContract(run);
+    }
+
+    void skip(const std::string &name, const char *reason)
+    {
+        totals_.skipped++;
+        std::printf("skipped %s: %s\n", name.c_str(), reason);
+    }
+
+    const Totals &totals() const { return totals_; }
+
+private:
+    // For the next boot the console is empty, even if that one does not come to pass.
+    void keepConsole(const std::string &name)
+    {
         log_ << "=== " << name << '\n' << contentsOf(setting_.console) << std::flush;
+        std::ofstream(setting_.console, std::ios::trunc);
+    }
+
+    void report(const std::string &name, const std::string &problem,
+                std::chrono::duration<double> taken)
+    {
         (problem.empty() ? totals_.passed : totals_.failed)++;
         std::printf("%s %s (%.1f s)\n", problem.empty() ? "passed " : "FAILED ", name.c_str(),
                     taken.count());
@@ -177,15 +226,6 @@ public:
         std::fflush(stdout);
     }
 
-    void skip(const Scenario &scenario, const char *reason)
-    {
-        totals_.skipped++;
-        std::printf("skipped %s: %s\n", scenario.name.c_str(), reason);
-    }
-
-    const Totals &totals() const { return totals_; }
-
-private:
     const Options &options_;
     vm::Setting setting_;
     Totals totals_;
@@ -203,13 +243,21 @@ int runAll(const Options &options)
           scenario::unloadScenarios, scenario::readerScenarios})
         for (const Scenario &scenario : list())
             all.push_back(withModule(scenario));
+    if (contractChosen(options)) {
+        auto checks = std::filesystem::path(options.module).replace_filename("zelcontract.ko");
+        if (!std::filesystem::exists(checks))
+            run.skip("Contract", "there is no zelcontract.ko beside the module");
+        else
+            for (const std::string &disk : options.disks)
+                run.runContract(checks, disk);
+    }
     for (const vm::GuestScenario &scenario : all)
         if (chosen(options, scenario.name))
             for (const std::string &disk : options.disks)
                 run.run(scenario, disk);
     for (const Scenario &scenario : scenario::failureScenarios())
         if (chosen(options, scenario.name))
-            run.skip(scenario, "a real kernel's calls cannot be made to fail one by one");
+            run.skip(scenario.name, "a real kernel's calls cannot be made to fail one by one");
     const Totals &totals = run.totals();
     std::printf("%u passed, %u failed, %u skipped\n", totals.passed, totals.failed, totals.skipped);
     return totals.failed == 0 && totals.passed != 0 ? 0 : 1;
