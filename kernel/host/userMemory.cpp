@@ -41,6 +41,16 @@ AddressSpace *addressSpaceFor(const char *function, const void *address, unsigne
     return &ProcessAccess::addressSpace(*process);
 }
 
+// What a copy of `count` bytes counts as copied if it could reach only `reached` of them. 2.6.30
+// copies more than 7 bytes in words once the target is aligned to 8, and a word is one access.
+unsigned long inWholeWords(const void *to, unsigned long count, unsigned long reached)
+{
+    unsigned long head = -reinterpret_cast<std::uintptr_t>(to) & 7;
+    if (count <= 7 || reached <= head || reached >= count - (count - head) % 4)
+        return reached;
+    return reached - (reached - head) % 4;
+}
+
 unsigned long copyToUser(const char *function, void *to, const void *from, unsigned long count)
 {
     maySleep(function);
@@ -50,7 +60,7 @@ unsigned long copyToUser(const char *function, void *to, const void *from, unsig
     if (space == nullptr)
         return count;
     auto address = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(to));
-    return count - space->copyOut(address, from, count);
+    return count - inWholeWords(to, count, space->copyOut(address, from, count));
 }
 
 } // namespace
@@ -83,7 +93,7 @@ unsigned long copy_from_user(void *to, const void *from, unsigned long count)
         AddressSpace *space = addressSpaceFor("copy_from_user", from, count);
         auto address = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(from));
         if (space != nullptr)
-            copied = space->copyIn(to, address, count);
+            copied = inWholeWords(to, count, space->copyIn(to, address, count));
     }
     std::memset(static_cast<unsigned char *>(to) + copied, 0, count - copied);
     return count - copied;

@@ -27,35 +27,50 @@ const char *copiesBothWays(const Environment *environment)
     return nullptr;
 }
 
+// More than a few bytes are copied in words, which lie at multiples of four of the target: one that
+// crosses into the hole is not copied at all.
 const char *readIntoAHoleGivesTheRemainderAndZeroes(const Environment *environment)
 {
     unsigned long last = environment->user + environment->userBytes - 5;
-    unsigned char bytes[32];
+    alignas(8) unsigned char bytes[32];
     for (unsigned char &byte : bytes)
         byte = 0x3c;
     REQUIRE(copy_to_user(user(last), bytes, 5) == 0);
     for (unsigned char &byte : bytes)
         byte = 0xff;
-    REQUIRE(copy_from_user(bytes, user(last), 30) == 25);
-    for (unsigned int i = 0; i < 5; i++)
-        REQUIRE(bytes[i] == 0x3c);
-    for (unsigned int i = 5; i < 30; i++)
-        REQUIRE(bytes[i] == 0);
+    REQUIRE(copy_from_user(bytes, user(last), 30) == 26);
+    for (unsigned int i = 0; i < 30; i++)
+        REQUIRE(bytes[i] == (i < 4 ? 0x3c : 0));
     REQUIRE(bytes[30] == 0xff && bytes[31] == 0xff);
+    REQUIRE(copy_from_user(bytes + 3, user(last), 29) == 24);
+    for (unsigned int i = 3; i < 32; i++)
+        REQUIRE(bytes[i] == (i < 8 ? 0x3c : 0));
+    for (unsigned char &byte : bytes)
+        byte = 0xff;
+    REQUIRE(copy_from_user(bytes, user(last), 7) == 2);
+    for (unsigned int i = 0; i < 8; i++)
+        REQUIRE(bytes[i] == (i < 5 ? 0x3c : i < 7 ? 0 : 0xff));
     return nullptr;
 }
 
 const char *writeIntoAHoleGivesTheRemainder(const Environment *environment)
 {
-    unsigned long last = environment->user + environment->userBytes - 5;
     unsigned char bytes[32];
     for (unsigned char &byte : bytes)
         byte = 0x4d;
-    REQUIRE(copy_to_user(user(last), bytes, 30) == 25);
-    unsigned char back[5];
-    REQUIRE(copy_from_user(back, user(last), 5) == 0);
-    for (unsigned char byte : back)
-        REQUIRE(byte == 0x4d);
+    const struct {
+        unsigned int before, count, left;
+    } cases[] = {{5, 30, 25}, {8, 30, 22}, {3, 6, 3}, {4, 32, 28}};
+    for (const auto &one : cases) {
+        unsigned long last = environment->user + environment->userBytes - one.before;
+        const unsigned char none[8] = {};
+        REQUIRE(copy_to_user(user(last), none, one.before) == 0);
+        REQUIRE(copy_to_user(user(last), bytes, one.count) == one.left);
+        unsigned char back[8];
+        REQUIRE(copy_from_user(back, user(last), one.before) == 0);
+        for (unsigned int i = 0; i < one.before; i++)
+            REQUIRE(back[i] == 0x4d);
+    }
     return nullptr;
 }
 

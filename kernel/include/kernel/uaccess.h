@@ -9,8 +9,9 @@
  * that the process may not read or write fails, it never faults the kernel.
  */
 
-/* Returns how many bytes at the end were NOT copied: 0 for success. The missing bytes of `to` are
- * zeroed by copy_from_user and left alone by copy_to_user. */
+/* Returns how many bytes at the end were NOT copied: 0 for success. They may be some more than
+ * those that could not be, since copies are made in words or larger pieces. The missing bytes of
+ * `to` are zeroed by copy_from_user. */
 SEAM(unsigned long, copy_from_user, (void *to, const void *from, unsigned long count));
 SEAM(unsigned long, copy_to_user, (void *to, const void *from, unsigned long count));
 /* Writes one 32-bit value; returns 0 or -EFAULT. */

@@ -52,28 +52,45 @@ TEST_P(UserMemory, isZeroedAndCopiedBothWays)
     });
 }
 
+// Copies of up to 7 bytes are made byte by byte, longer ones in words at multiples of 4 of the
+// target.
 TEST_P(UserMemory, readStopsAtAHoleAndZeroesTheRest)
 {
     inProcess([](host::Process &process) {
         std::uint32_t address = process.allocateBeforeHole(6);
         std::memset(process.pointer<char>(address), 0x55, 6);
-        Bytes bytes;
-        bytes.fill(0xff);
-        EXPECT_EQ(copy_from_user(bytes.data(), user(address), bytes.size()), 10u);
-        Bytes expected{};
-        std::fill_n(expected.begin(), 6, 0x55);
-        EXPECT_EQ(bytes, expected);
+        struct {
+            unsigned offset, count, left;
+        } cases[] = {{0, 16, 12}, {1, 15, 9}, {2, 14, 8}, {5, 16, 13},
+                     {6, 16, 10}, {0, 8, 4},  {0, 7, 1},  {0, 6, 0}};
+        for (const auto &one : cases) {
+            alignas(8) std::array<unsigned char, 32> bytes;
+            bytes.fill(0xff);
+            EXPECT_EQ(copy_from_user(bytes.data() + one.offset, user(address), one.count),
+                      one.left);
+            for (unsigned i = 0; i < bytes.size(); i++) {
+                bool inside = i >= one.offset && i < one.offset + one.count;
+                bool copied = inside && i < one.offset + one.count - one.left;
+                EXPECT_EQ(bytes[i], copied ? 0x55 : inside ? 0 : 0xff) << i;
+            }
+        }
     });
 }
 
 TEST_P(UserMemory, writeStopsAtAHole)
 {
     inProcess([](host::Process &process) {
-        std::uint32_t address = process.allocateBeforeHole(6);
         Bytes bytes;
         bytes.fill(0x66);
-        EXPECT_EQ(copy_to_user(user(address), bytes.data(), bytes.size()), 10u);
-        EXPECT_EQ(std::memcmp(process.pointer<char>(address), bytes.data(), 6), 0);
+        struct {
+            unsigned before, count, left;
+        } cases[] = {{6, 16, 10}, {10, 16, 6}, {5, 7, 2}, {11, 14, 3}, {4, 16, 12}};
+        for (const auto &one : cases) {
+            std::uint32_t address = process.allocateBeforeHole(one.before);
+            EXPECT_EQ(copy_to_user(user(address), bytes.data(), one.count), one.left);
+            EXPECT_EQ(
+                std::memcmp(process.pointer<char>(address), bytes.data(), one.count - one.left), 0);
+        }
     });
 }
 
