@@ -28,6 +28,20 @@ WaitQueue &waitQueueOf(const buffer_head *bh)
     return waitQueues[reinterpret_cast<std::uintptr_t>(bh) / sizeof(buffer_head) % 8];
 }
 
+// Memory of the kernel's that a former user is done with: unreferenced, unlocked, nothing else.
+void leaveTraces(buffer_head *bh)
+{
+    constexpr std::uintptr_t nowhere = 0x5c5c5c5c;
+    bh->b_state.store(stateUptodate | stateEopnotsupp | BH_STATE_Req | BH_STATE_Mapped,
+                      std::memory_order_relaxed);
+    bh->b_page = reinterpret_cast<struct page *>(nowhere);
+    bh->b_data = reinterpret_cast<char *>(nowhere);
+    bh->b_blocknr = nowhere;
+    bh->b_size = nowhere;
+    bh->b_bdev = reinterpret_cast<block_device *>(nowhere);
+    bh->b_end_io = reinterpret_cast<bh_end_io_t *>(nowhere);
+}
+
 buffer_head *checked(buffer_head *bh, const char *function)
 {
     checkAlive(bh, bufferAlive, function);
@@ -52,6 +66,7 @@ buffer_head *alloc_buffer_head(gfp_t gfp)
     if (faultHits(Fault::bufferHead))
         return nullptr;
     auto *bh = new buffer_head;
+    leaveTraces(bh);
     hold(bh->held, HeldKind::bufferHead, sizeof(buffer_head), __builtin_return_address(0));
     return bh;
 }

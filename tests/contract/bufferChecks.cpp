@@ -6,18 +6,6 @@
 namespace
 {
 
-const char *freshBufferIsEmpty(const Environment *)
-{
-    struct buffer_head *bh = alloc_buffer_head(GFP_NOIO);
-    REQUIRE(bh != nullptr);
-    REQUIRE(bh_count(bh) == 0);
-    REQUIRE(buffer_uptodate(bh) == 0);
-    REQUIRE(bh_page(bh) == nullptr);
-    REQUIRE(bh_end_io(bh) == nullptr);
-    free_buffer_head(bh);
-    return nullptr;
-}
-
 void ended(struct buffer_head *, int) {}
 
 const char *bufferKeepsItsFields(const Environment *environment)
@@ -110,7 +98,6 @@ const char *waitingEndsWhenTheBufferIsUnlocked(const Environment *environment)
 }
 
 const struct ContractCheck checks[] = {
-    {"freshBufferIsEmpty", freshBufferIsEmpty},
     {"bufferKeepsItsFields", bufferKeepsItsFields},
     {"bufferPointsIntoItsPage", bufferPointsIntoItsPage},
     {"waitingEndsWhenTheBufferIsUnlocked", waitingEndsWhenTheBufferIsUnlocked},

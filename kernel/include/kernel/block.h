@@ -112,7 +112,7 @@ SEAM(void, bio_set_eopnotsupp, (struct bio * bio));
 
 /* Buffer heads. */
 
-/* One without a reference, all fields zero. NULL without memory. */
+/* One on no list; all else is as its last user left it. NULL without memory. */
 SEAM(struct buffer_head *, alloc_buffer_head, (gfp_t gfp));
 /* Its reference count must be 0 and it must be on no list. Any context. */
 SEAM(void, free_buffer_head, (struct buffer_head * bh));

@@ -149,11 +149,27 @@ TEST_P(BioTest, aWaiterSleepsUntilItsBufferIsUnlocked)
     });
 }
 
-TEST_P(BioTest, bufferFieldsAreWhatWasStored)
+TEST_P(BioTest, aFreshBufferIsAsItsLastUserLeftIt)
 {
     inKernel([] {
         struct buffer_head *bh = alloc_buffer_head(GFP_NOIO);
         EXPECT_EQ(bh_count(bh), 0);
+        EXPECT_EQ(buffer_uptodate(bh), 1);
+        EXPECT_NE(bh_page(bh), nullptr);
+        EXPECT_NE(bh_data(bh), nullptr);
+        EXPECT_NE(bh_blocknr(bh), 0u);
+        EXPECT_NE(bh_size(bh), 0u);
+        EXPECT_NE(bh_bdev(bh), nullptr);
+        EXPECT_NE(bh_end_io(bh), nullptr);
+        free_buffer_head(bh);
+    });
+}
+
+TEST_P(BioTest, bufferFieldsAreWhatWasStored)
+{
+    inKernel([] {
+        struct buffer_head *bh = alloc_buffer_head(GFP_NOIO);
+        bh_set_state(bh, 0);
         EXPECT_EQ(buffer_uptodate(bh), 0);
         struct page *low = alloc_pages(GFP_NOIO, 0);
         struct page *high = alloc_pages(GFP_HIGHUSER, 0);
