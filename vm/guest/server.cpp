@@ -17,10 +17,16 @@ namespace
 {
 
 sigjmp_buf badAccess;
+volatile sig_atomic_t copying = 0;
 
-void onBadAccess(int)
+// The kernel sends a SIGBUS also where it was itself that touched a page which a device refused,
+// and the system call has failed for that already.
+void onBadAccess(int signal)
 {
-    siglongjmp(badAccess, 1);
+    if (copying)
+        siglongjmp(badAccess, 1);
+    if (signal != SIGBUS)
+        fail("a bad access");
 }
 
 void *pointer(uint32_t address)
@@ -36,9 +42,15 @@ int32_t callKernel(const uint32_t *a)
 
 int32_t copy(uint32_t to, uint32_t from, uint32_t bytes)
 {
-    if (sigsetjmp(badAccess, 1) != 0)
+    if (sigsetjmp(badAccess, 1) != 0) {
+        copying = 0;
         return -EFAULT;
+    }
+    copying = 1;
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
     memcpy(pointer(to), pointer(from), bytes);
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
+    copying = 0;
     return 0;
 }
 

@@ -15,7 +15,8 @@ struct page;
 /*
  * Called in the process's context with its mmap_sem held. `open`: the area was duplicated.
  * `close`: it goes away. `fault`: a page was touched first; the operation sets the page, with a
- * reference for the mapping, and returns 0, or returns VM_FAULT_SIGBUS.
+ * reference for the mapping, and returns 0, or returns VM_FAULT_SIGBUS. The process gets a SIGBUS
+ * for that, even where the kernel touched the page in a copy, which fails as well.
  */
 struct vma_operations {
     void (*open)(struct vm_area_struct *vma);
