@@ -22,6 +22,22 @@ struct ContractEnvironment {
     // Returns when every other task of the checks has gone to sleep or ended.
     void (*settle)(void);
     void (*sendSignal)(int pid, int signal);
+
+    // System calls of the calling process, with what the kernel answers it: a negated errno where
+    // it refuses. Not for a check that holds a lock.
+    int (*openDevice)(void); // a node of freeMajor; gives a descriptor
+    int (*closeFile)(int fd);
+    int (*callDevice)(int fd, unsigned int command, unsigned long argument); // ioctl
+    int (*readFile)(int fd, unsigned long to, unsigned int bytes);
+    // 0 and the address of a readable mapping, or the refusal.
+    int (*map)(int fd, unsigned int bytes, int writable, int shared, unsigned long pageOffset,
+               unsigned long *address);
+    int (*unmap)(unsigned long address, unsigned int bytes);
+    // Copies at most so many bytes of the kernel log's end to `to`; gives their number.
+    int (*readLog)(unsigned long to, unsigned int bytes);
+
+    // How many references keep the module loaded that the checks are in.
+    int (*references)(void);
 };
 
 struct ContractCheck {

@@ -30,7 +30,9 @@ constexpr struct ContractSubject subjectOf(const struct ContractCheck (&checks)[
 }
 
 extern const struct ContractSubject deviceContract;
+extern const struct ContractSubject fileContract;
 extern const struct ContractSubject fileSystemContract;
+extern const struct ContractSubject hookContract;
 extern const struct ContractSubject memoryContract;
 extern const struct ContractSubject blockContract;
 extern const struct ContractSubject bufferContract;

@@ -24,7 +24,8 @@ struct ContractCall {
     unsigned int user;
     unsigned int userBytes;
     unsigned int userReadOnly;
-    char text[256]; /* answered; cut short if it is longer, and ends with a zero */
+    unsigned int path; /* the address of the path of a node of CONTRACT_FREE_MAJOR */
+    char text[256];    /* answered; cut short if it is longer, and ends with a zero */
 };
 
 #endif

@@ -2,6 +2,7 @@
 #include <tuple>
 
 #include <host/block.h>
+#include <host/log.h>
 #include <host/module.h>
 #include <host/process.h>
 
@@ -67,6 +68,55 @@ void sendSignal(int pid, int signal)
     host::findTask(pid).signal(signal);
 }
 
+constexpr unsigned freeMajor = 77;
+constexpr const char *freeNode = "/dev/contract";
+host::Process *caller; // of the check that runs
+
+int openDevice()
+{
+    return caller->open(freeNode);
+}
+
+int closeFile(int fd)
+{
+    return caller->close(fd);
+}
+
+int callDevice(int fd, unsigned command, unsigned long argument)
+{
+    return caller->ioctl(fd, command, static_cast<std::uint32_t>(argument));
+}
+
+int readFile(int fd, unsigned long to, unsigned bytes)
+{
+    return static_cast<int>(caller->read(fd, static_cast<std::uint32_t>(to), bytes));
+}
+
+int map(int fd, unsigned bytes, int writable, int shared, unsigned long pageOffset,
+        unsigned long *address)
+{
+    std::uint32_t place = 0;
+    int result = caller->mmap(fd, bytes, writable != 0, shared != 0, pageOffset, &place);
+    *address = place;
+    return result;
+}
+
+int unmap(unsigned long address, unsigned)
+{
+    return caller->munmap(static_cast<std::uint32_t>(address));
+}
+
+int readLog(unsigned long to, unsigned bytes)
+{
+    std::string text;
+    for (const std::string &message : host::kernelLog())
+        text += message;
+    if (text.size() > bytes)
+        text.erase(0, text.size() - bytes);
+    text.copy(caller->pointer<char>(static_cast<std::uint32_t>(to)), text.size());
+    return static_cast<int>(text.size());
+}
+
 TEST_P(Contract, holds)
 {
     inKernel([&] {
@@ -86,12 +136,22 @@ TEST_P(Contract, holds)
         environment.mounted = disk.device(1);
         environment.unmounted = disk.device(2);
         environment.closed = disk.device(3);
-        environment.freeMajor = 77;
+        environment.freeMajor = freeMajor;
         environment.user = process.allocateBeforeHole(userBytes);
         environment.userBytes = userBytes;
         environment.userReadOnly = process.allocate(PAGE_SIZE, false);
         environment.settle = settle;
         environment.sendSignal = sendSignal;
+        caller = &process;
+        host::makeDeviceNode(freeNode, freeMajor, 0);
+        environment.openDevice = openDevice;
+        environment.closeFile = closeFile;
+        environment.callDevice = callDevice;
+        environment.readFile = readFile;
+        environment.map = map;
+        environment.unmap = unmap;
+        environment.readLog = readLog;
+        environment.references = host::moduleReferences;
 
         test::LoadedModule module(0, checksImage());
         EXPECT_STREQ(std::get<1>(GetParam()).run(&environment), nullptr);

@@ -73,6 +73,45 @@ const char *semaphoreServesInOrderOfArrival(const Environment *environment)
     return nullptr;
 }
 
+constexpr int signalKill = 9;
+
+void waitUnlessSignalled(void *argument)
+{
+    auto *waiter = static_cast<Queue::Waiter *>(argument);
+    Queue *queue = waiter->queue;
+    allow_signal(signalKill);
+    if (down_interruptible(&queue->sem) != 0)
+        return;
+    unsigned long flags = spin_lock_irqsave(&queue->lock);
+    queue->order[queue->served++] = waiter->number;
+    spin_unlock_irqrestore(&queue->lock, flags);
+}
+
+const char *interruptedWaiterLeavesTheQueue(const Environment *environment)
+{
+    static Queue queue;
+    sema_init(&queue.sem, 0);
+    spin_lock_init(&queue.lock);
+    queue.served = 0;
+    for (unsigned int i = 0; i < waiters; i++) {
+        queue.each[i] = {&queue, i};
+        REQUIRE(queue.threads[i].start(waitUnlessSignalled, &queue.each[i]));
+        environment->settle();
+    }
+    environment->sendSignal(queue.threads[1].pid, signalKill);
+    queue.threads[1].join();
+    REQUIRE(queue.served == 0);
+    up(&queue.sem);
+    up(&queue.sem);
+    queue.threads[0].join();
+    queue.threads[2].join();
+    REQUIRE(queue.served == 2);
+    REQUIRE(queue.order[0] == 0 || queue.order[1] == 0);
+    REQUIRE(queue.order[0] == 2 || queue.order[1] == 2);
+    REQUIRE(down_trylock(&queue.sem) == 1);
+    return nullptr;
+}
+
 struct Pair {
     struct rw_semaphore sem;
     struct completion go;
@@ -306,6 +345,7 @@ const char *mutexKnowsItsHolder(const Environment *environment)
 const struct ContractCheck checks[] = {
     {"semaphoreCounts", semaphoreCounts},
     {"semaphoreServesInOrderOfArrival", semaphoreServesInOrderOfArrival},
+    {"interruptedWaiterLeavesTheQueue", interruptedWaiterLeavesTheQueue},
     {"readersShareAndWritersExclude", readersShareAndWritersExclude},
     {"waitingWriterHoldsUpLaterReaders", waitingWriterHoldsUpLaterReaders},
     {"completionsAreCounted", completionsAreCounted},

@@ -37,6 +37,27 @@ const char *scheduleReturnsToARunningTask(const Environment *)
     return nullptr;
 }
 
+void allowOddSignals(void *argument)
+{
+    auto *result = static_cast<int *>(argument);
+    const int signals[] = {0, -1, 65, 1000};
+    for (int signal : signals)
+        *result |= allow_signal(signal) != -KERNEL_EINVAL;
+    *result |= allow_signal(signalKill) != 0;
+    *result |= allow_signal(64) != 0;
+}
+
+const char *onlySignalsCanBeAllowed(const Environment *)
+{
+    static Thread thread;
+    static int result;
+    result = 0;
+    REQUIRE(thread.start(allowOddSignals, &result));
+    thread.join();
+    REQUIRE(result == 0);
+    return nullptr;
+}
+
 struct Sleeper {
     struct semaphore sem;
     bool allow;
@@ -208,6 +229,7 @@ const char *randomBytesFillExactlyTheBuffer(const Environment *)
 const struct ContractCheck checks[] = {
     {"threadsRunAndEnd", threadsRunAndEnd},
     {"scheduleReturnsToARunningTask", scheduleReturnsToARunningTask},
+    {"onlySignalsCanBeAllowed", onlySignalsCanBeAllowed},
     {"allowedSignalInterruptsASleep", allowedSignalInterruptsASleep},
     {"signalThatIsNotAllowedDoesNothing", signalThatIsNotAllowedDoesNothing},
     {"downIsNotInterrupted", downIsNotInterrupted},

@@ -20,6 +20,7 @@ namespace
 {
 
 constexpr const char *controlNode = "/dev/zelcontract";
+constexpr const char *freeNode = "/dev/contract";
 constexpr const char *moduleName = "zelcontract";
 
 // The devices of the disk, as the checks want them.
@@ -73,6 +74,8 @@ public:
         auto path = process_.area() + static_cast<std::uint32_t>(sizeof(ContractCall));
         std::strcpy(reinterpret_cast<char *>(path), controlNode);
         file_ = process_.systemCall(SYS_open, path, O_RDWR);
+        std::strcpy(reinterpret_cast<char *>(path), freeNode);
+        call_.path = path;
         require(file_ >= 0, std::string("opening ") + controlNode);
     }
 
@@ -125,6 +128,7 @@ public:
             environment_.giveUp(index);
         require(worker_.open(environment_.node(unmounted), O_RDWR) >= 0, "opening a partition");
         require(worker_.makeNode(controlNode, S_IFCHR, CONTRACT_MAJOR, 0) == 0, "mknod");
+        require(worker_.makeNode(freeNode, S_IFCHR, CONTRACT_FREE_MAJOR, 0) == 0, "mknod");
         require(worker_.loadModule(setting.module, setting.moduleBytes) == 0, "loading the checks");
         caller_.emplace(environment_);
     }
