@@ -17,7 +17,8 @@ setup: ## install the packages and the C library that the build needs (root for 
 build: setup ## build the programs (zel, zelsend, zelmachine) into build/native
 	@tools/build.sh native programs
 
-check: setup ## build everything with warnings as errors and run all tests and checks
+check: setup ## build and test everything; KDIR=<tree> KERNEL=<bzImage>: in that kernel, too
+	@[ -z "$(KERNEL)" ] || tools/setup.sh qemu-system-x86
 	@tools/check.sh
 
 demo: build ## back up a live file system, restore every point and compare

@@ -1,0 +1,33 @@
+#!/bin/bash
+# The part of `make check` that needs a real kernel:
+#
+#   tools/check-real-kernel.sh module      build zelmod.ko for the kernel whose tree is $KDIR
+#   tools/check-real-kernel.sh scenarios   run some scenarios with it in the kernel image $KERNEL
+#
+# Without these it says so and exits with 77: skipped.
+set -euo pipefail
+cd "$(dirname "$(readlink -f "$0")")/.."
+
+scenarios=(EnvironmentMissesLostWrites FullAndIncrementalChain UnloadWithSessionsOpen)
+
+skip()
+{
+    echo "$*"
+    exit 77
+}
+
+[ -n "${KDIR:-}" ] ||
+    skip "needs the built tree of a real kernel: make check KDIR=<tree> KERNEL=<its bzImage>"
+case "${1:-}" in
+module)
+    exec tools/module.sh "$KDIR"
+    ;;
+scenarios)
+    [ -n "${KERNEL:-}" ] || skip "needs the image of a real kernel: make check KDIR=$KDIR KERNEL=<bzImage>"
+    exec tools/vm.sh "$KERNEL" build/module/zelmod.ko "${scenarios[@]}"
+    ;;
+*)
+    echo "usage: tools/check-real-kernel.sh module | scenarios" >&2
+    exit 2
+    ;;
+esac
