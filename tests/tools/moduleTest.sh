@@ -1,0 +1,140 @@
+#!/bin/bash
+# Tests of tools/module.sh: what it refuses and how it says so, over made-up kernel trees. What it
+# builds is tested with a real one.
+set -euo pipefail
+cd "$(dirname "$(readlink -f "$0")")/../.."
+
+work=$(readlink -f "$(mktemp -d)")
+trap 'rm -rf "$work"' EXIT
+failures=0
+
+options=(X86_32 SMP HIGHMEM LBD BLOCK MODULES MODULE_UNLOAD)
+
+# Makes $tree: as much of a configured and built 2.6.30 as is looked at. The compiler is the last
+# thing that is looked at, so that a tree with nothing wrong is told by what is said of the compiler.
+newTree()
+{
+    tree=$work/tree
+    rm -rf "$work"/tree*
+    mkdir -p "$tree"/{scripts/mod,scripts/basic,include/linux,include/config}
+    printf '%s\n' 'VERSION = 2' 'PATCHLEVEL = 6' 'SUBLEVEL = 30' 'EXTRAVERSION = .10' >"$tree/Makefile"
+    touch "$tree/.config" "$tree/Module.symvers" "$tree/include/linux/utsrelease.h"
+    printf '#define CONFIG_%s 1\n' "${options[@]}" >"$tree/include/linux/autoconf.h"
+    install -m 755 /dev/null "$tree/scripts/mod/modpost"
+    install -m 755 /dev/null "$tree/scripts/basic/fixdep"
+}
+
+# compiler <name> <version> [works]: a compiler that says it is of this version, and compiles or not.
+compiler()
+{
+    printf '#!/bin/sh\n[ "$1" != -dumpversion ] || { echo %s; exit 0; }\n%s\n' "$2" \
+        "$([ "${3:-}" = works ] && echo 'cat >/dev/null' || echo 'exit 1')" >"$work/$1"
+    chmod +x "$work/$1"
+}
+
+# refuses <what is said> [argument of tools/module.sh]: with $script, or the script of this tree.
+refuses()
+{
+    local expected="module: $1" output
+    shift
+    if output=$(CC="$work/gcc" CXX="$work/g++" "${script:-tools/module.sh}" "$@" 2>&1); then
+        printf 'module %s: not refused, expected:\n%s\n' "$*" "$expected" >&2
+        failures=$((failures + 1))
+    elif [ "$output" != "$expected" ]; then
+        printf 'module %s: expected\n%s\nbut got\n%s\n' "$*" "$expected" "$output" >&2
+        failures=$((failures + 1))
+    fi
+}
+
+compiler gcc 12.2.0 works
+compiler g++ 12.2.0 fails
+no32="$work/g++ cannot compile for 32 bits; install the package g++-multilib (tools/setup.sh does)"
+
+# The tree
+for nothing in absent empty; do
+    arguments=()
+    [ $nothing = absent ] || arguments=("")
+    refuses "builds zelmod.ko for a real kernel and needs the path of that kernel's configured and\
+ built tree (2.6.30, 32-bit x86): make module KDIR=<tree>" "${arguments[@]}"
+done
+newTree
+refuses "there is no $work/nowhere; give the path of a kernel tree: make module KDIR=<tree>" \
+    "$work/nowhere"
+refuses "$tree/Makefile is not a directory; give the path of a kernel tree" "$tree/Makefile"
+notATree="is not a kernel tree (no Makefile with a kernel's version); give the path of one"
+refuses "$tree/include $notATree" "$tree/include"
+echo 'all:' >"$tree/Makefile"
+refuses "$tree $notATree" "$tree"
+
+# Its version
+for version in 2.6.31 2.6.3 2.6.300; do
+    newTree
+    sed -i "s/^SUBLEVEL = .*/SUBLEVEL = ${version##*.}/; /EXTRAVERSION/d" "$tree/Makefile"
+    refuses "$tree is a tree of kernel $version; only 2.6.30 is known; give the path of one" "$tree"
+done
+newTree
+printf '%s\n' 'VERSION = 6' 'PATCHLEVEL = 1' >"$tree/Makefile"
+refuses "$tree is a tree of kernel 6.1; only 2.6.30 is known; give the path of one" "$tree"
+echo 6.1.0-9-amd64 >"$tree/include/config/kernel.release"
+refuses "$tree is a tree of kernel 6.1.0-9-amd64; only 2.6.30 is known; give the path of one" "$tree"
+echo 2.6.30-server >"$tree/include/config/kernel.release"
+printf '%s\n' 'VERSION = 2' 'PATCHLEVEL = 6' >"$tree/Makefile"
+refuses "$no32" "$tree"
+
+# Its configuration
+for file in .config include/linux/autoconf.h; do
+    newTree
+    rm "$tree/$file"
+    refuses "$tree is not configured (no .config or no include/linux/autoconf.h); run 'make\
+ ARCH=i386 oldconfig' there and build it" "$tree"
+done
+meanings=("32-bit x86" "more than one processor" "high memory" "64-bit sector numbers" "block devices"
+    "loadable modules" "unloading of modules")
+for i in "${!options[@]}"; do
+    newTree
+    sed -i "s/^#define CONFIG_${options[i]} 1$/#define CONFIG_${options[i]}_DEBUG 1/" \
+        "$tree/include/linux/autoconf.h"
+    refuses "$tree is configured without CONFIG_${options[i]} (${meanings[i]}); configure and build\
+ the kernel with it, or give the tree of one that has it" "$tree"
+done
+
+# Its build
+for file in scripts/mod/modpost scripts/basic/fixdep include/linux/utsrelease.h; do
+    newTree
+    rm "$tree/$file"
+    refuses "$tree is configured but not built; run 'make ARCH=i386' there" "$tree"
+done
+newTree
+rm "$tree/Module.symvers"
+refuses "$tree has no Module.symvers, which says what the kernel exports; run 'make ARCH=i386' there" \
+    "$tree"
+
+# Paths
+for name in "a b" a:b; do
+    newTree
+    mv "$tree" "$tree $name"
+    refuses "a kernel's build takes no spaces or colons in paths; move $PWD or $tree $name" \
+        "$tree $name"
+done
+newTree
+mkdir -p "$work/of two words/tools"
+cp tools/module.sh "$work/of two words/tools/"
+script="$work/of two words/tools/module.sh" \
+    refuses "a kernel's build takes no spaces or colons in paths; move $work/of two words or $tree" \
+    "$tree"
+
+# The compilers
+newTree
+refuses "$no32" "$tree"
+compiler gcc 13.1 works
+refuses "$work/gcc is version 13.1; the kernel's headers are made ready for gcc 12 only; give one by\
+ CC= and CXX=" "$tree"
+compiler gcc 12 works
+compiler g++ 4.3.2 works
+refuses "$work/g++ is version 4.3.2; the kernel's headers are made ready for gcc 12 only; give one by\
+ CC= and CXX=" "$tree"
+rm "$work/g++"
+refuses "there is no $work/g++; run tools/setup.sh" "$tree"
+
+[ "$failures" = 0 ] || exit 1
+echo "module: its own tests passed"
