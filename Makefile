@@ -5,7 +5,7 @@ SECONDS ?= 60
 ARGUMENTS ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build check demo machine module vm simulate bench fuzz format lint hook clean
+.PHONY: help setup build check demo machine module vm package simulate bench fuzz format lint hook clean
 
 help: ## list the targets
 	@echo "make TARGET, where TARGET is one of:"
@@ -34,6 +34,10 @@ vm: ## run the scenarios in a real kernel: make vm KERNEL=<bzImage> MODULE=<zelm
 	@[ -z "$(KERNEL)" ] || tools/setup.sh qemu-system-x86
 	@tools/vm.sh "$(KERNEL)" "$(MODULE)" $(ARGUMENTS)
 
+package: setup ## build the Debian packages into build/packages
+	@tools/setup.sh dpkg-dev debhelper dh-dkms lowdown
+	@tools/package.sh
+
 simulate: setup ## run random simulations: make simulate SEEDS=N
 	@tools/build.sh i386 simulate
 	@build/i386/simulate --seeds $(SEEDS) $(ARGUMENTS)
@@ -59,4 +63,4 @@ hook: ## run the lint script before each commit in this clone
 
 clean: ## remove what was built (keeps downloads and the machine's disk)
 	@rm -rf build/i386 build/tsan build/asan build/native build/release build/fuzz \
-		build/kernel-objects build/module build/vm
+		build/kernel-objects build/module build/vm build/package build/packages

@@ -20,9 +20,13 @@ elseif(ZEL_BUILD STREQUAL fuzz)
   set(sanitizers -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all)
 elseif(ZEL_BUILD STREQUAL release)
   set(buildFlags "${buildFlags} -DNDEBUG")
+elseif(ZEL_BUILD STREQUAL package)
+  # What links the host kernel must be at fixed addresses, and nothing here does.
+  set(buildFlags "")
+  set(CMAKE_EXE_LINKER_FLAGS_INIT "")
 elseif(NOT ZEL_BUILD STREQUAL native)
   message(FATAL_ERROR
-    "ZEL_BUILD is '${ZEL_BUILD}'; it must be i386, asan, tsan, native, release or fuzz")
+    "ZEL_BUILD is '${ZEL_BUILD}'; it must be i386, asan, tsan, native, release, fuzz or package")
 endif()
 
 set(CMAKE_C_FLAGS_INIT "${buildFlags}")

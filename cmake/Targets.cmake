@@ -25,6 +25,10 @@ function(zelProgram name)
   target_compile_options(${name} PRIVATE -O2 ${warningFlags})
 endfunction()
 
+if(ZEL_BUILD STREQUAL package)
+  return() # no tests, and GoogleTest need not be there
+endif()
+
 # GoogleTest with the flags of this build (the package's library fits only one of them), its main
 # function, and the sanitizers' settings, which are objects so that they are always linked.
 set(googletest /usr/src/googletest)
