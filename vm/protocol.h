@@ -34,7 +34,12 @@ constexpr uint32_t dispatcher = 0;
 enum class Request : uint32_t {
     systemCall, // number and up to six arguments; what the kernel answers, a negated errno if so
     copy,       // to, from, bytes; -EFAULT where a load or store would have ended the process
+    fill,       // file, to, bytes: reads until so many are there or the end; how many there are
     fork,       // a child, with all that a child has, which serves the slot of this number
+    // The process becomes a program: path, arguments and environment as execve has them. Done at
+    // once, as a program tells nothing; at the end of the process the result is a negated errno if
+    // there was no such program.
+    execute,
 };
 
 struct Slot {
@@ -42,7 +47,8 @@ struct Slot {
     uint32_t request;
     uint32_t arguments[7];
     int32_t result;
-    int32_t pid; // of the process that serves it
+    int32_t pid;    // of the process that serves it
+    int32_t status; // of that process's end, as wait tells it
 };
 
 // What the dispatcher can still do when no other process can.

@@ -24,6 +24,9 @@ void ring(uint32_t byte);
 [[noreturn]] void dispatch(const Shared &shared);
 [[noreturn]] void serve(const Shared &shared, uint32_t slot);
 
+// A program to try the running of programs on: its exit code.
+int runSample(int arguments, char **argument);
+
 // Says on the console what went wrong, and ends the machine.
 [[noreturn]] void fail(const char *what);
 

@@ -25,9 +25,11 @@ void fail(const char *what)
 
 } // namespace vm
 
-int main()
+int main(int arguments, char **argument)
 {
     using namespace vm;
+    if (getpid() != 1)
+        return runSample(arguments, argument);
     if (mount("proc", "/proc", "proc", 0, nullptr) != 0)
         fail("mounting /proc");
     if (mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0)
@@ -45,7 +47,9 @@ int main()
         if (pid == child)
             fail("the dispatcher has ended");
         for (uint32_t slot = 0; pid > 0 && slot < slots; slot++)
-            if (shared.table->slot[slot].pid == pid)
+            if (shared.table->slot[slot].pid == pid) {
+                shared.table->slot[slot].status = status;
                 ring(ended + slot);
+            }
     }
 }

@@ -16,6 +16,8 @@ namespace vm
 namespace
 {
 
+constexpr int noProgram = 127; // the exit code, as shells have it
+
 sigjmp_buf badAccess;
 volatile sig_atomic_t copying = 0;
 
@@ -54,6 +56,20 @@ int32_t copy(uint32_t to, uint32_t from, uint32_t bytes)
     return 0;
 }
 
+int32_t fill(uint32_t file, uint32_t to, uint32_t bytes)
+{
+    uint32_t done = 0;
+    while (done < bytes) {
+        ssize_t count = read(static_cast<int>(file), pointer(to + done), bytes - done);
+        if (count < 0)
+            return -errno;
+        if (count == 0)
+            break;
+        done += static_cast<uint32_t>(count);
+    }
+    return static_cast<int32_t>(done);
+}
+
 // The child's parent is the first process, whoever asked for it.
 int32_t forkInto(const Shared &shared, uint32_t slot)
 {
@@ -64,6 +80,17 @@ int32_t forkInto(const Shared &shared, uint32_t slot)
         return -errno;
     shared.table->slot[slot].pid = static_cast<int32_t>(pid);
     return 0;
+}
+
+[[noreturn]] void execute(Slot &slot, uint32_t number)
+{
+    const uint32_t *a = slot.arguments;
+    slot.result = 0;
+    ring(number);
+    execve(static_cast<const char *>(pointer(a[0])), static_cast<char *const *>(pointer(a[1])),
+           static_cast<char *const *>(pointer(a[2])));
+    slot.result = -errno;
+    _exit(noProgram);
 }
 
 void answer(const Shared &shared, uint32_t number)
@@ -77,9 +104,14 @@ void answer(const Shared &shared, uint32_t number)
     case Request::copy:
         slot.result = copy(a[0], a[1], a[2]);
         break;
+    case Request::fill:
+        slot.result = fill(a[0], a[1], a[2]);
+        break;
     case Request::fork:
         slot.result = forkInto(shared, a[0]);
         break;
+    case Request::execute:
+        execute(slot, number);
     }
     ring(number);
 }

@@ -78,7 +78,7 @@ Shared openShared()
         fail("asking for the use of ports");
     for (uint32_t slot = 0; slot < slots; slot++) {
         int ends[2];
-        if (pipe(ends) != 0)
+        if (pipe2(ends, O_CLOEXEC) != 0)
             fail("making a pipe");
         shared.sleepers[slot] = ends[0];
         shared.wakers[slot] = ends[1];

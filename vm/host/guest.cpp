@@ -1,7 +1,7 @@
 #include "guest.h"
 
 #include <algorithm>
-#include <vector>
+#include <cstring>
 
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -122,10 +122,9 @@ void Guest::listen()
     while (bell.get() >= 0 && receiveAll(bell.get(), &byte, 1)) {
         std::lock_guard lock(mutex_);
         if (byte < slots) {
-            states_[byte].busy = false;
+            states_[byte].answered = true;
         } else if (byte < ended + slots) {
             states_[byte - ended].ended = true;
-            states_[byte - ended].busy = false;
         } else if (byte == ready) {
             ready_ = true;
         }
@@ -164,7 +163,6 @@ void Guest::post(std::uint32_t number, Request what, const std::array<std::uint3
     Slot &slot = table().slot[number];
     slot.request = static_cast<std::uint32_t>(what);
     std::copy(arguments.begin(), arguments.end(), slot.arguments);
-    states_[number].busy = true;
     __atomic_store_n(&slot.pending, 1, __ATOMIC_RELEASE);
 }
 
@@ -173,14 +171,19 @@ std::int32_t Guest::request(std::uint32_t number, Request what,
 {
     std::unique_lock lock(mutex_);
     State &state = states_.at(number);
-    wait(lock, [&] { return !state.busy; });
+    wait(lock, [&] { return !state.asked; });
+    state.asked = true;
+    state.answered = false;
     if (!state.ended) {
         post(number, what, arguments);
-        wait(lock, [&] { return !state.busy; });
+        wait(lock, [&] { return state.answered || state.ended; });
     }
-    if (state.ended)
+    std::int32_t result = table().slot[number].result;
+    state.asked = false;
+    changed_.notify_all();
+    if (!state.answered)
         throw GuestLost("a process of the guest has died");
-    return table().slot[number].result;
+    return result;
 }
 
 std::uint32_t Guest::fork(std::uint32_t parent)
@@ -204,11 +207,44 @@ void Guest::exit(std::uint32_t number)
 {
     std::unique_lock lock(mutex_);
     State &state = states_.at(number);
-    wait(lock, [&] { return !state.busy; });
-    if (!state.ended) // a request to nobody would wait for the slot's next process
+    wait(lock, [&] { return !state.asked; });
+    // A request to nobody would wait for the slot's next process.
+    if (!state.ended && !state.program)
         post(number, Request::systemCall, {SYS_exit_group, 0});
     wait(lock, [&] { return state.ended; });
     state = {};
+}
+
+void Guest::execute(std::uint32_t number, std::uint32_t path, std::uint32_t arguments,
+                    std::uint32_t environment)
+{
+    // Not before the process has taken it: were it killed then, its slot's next process would.
+    request(number, Request::execute, {path, arguments, environment});
+    std::lock_guard lock(mutex_);
+    states_[number].program = true;
+}
+
+std::int32_t Guest::waitForEnd(std::uint32_t number)
+{
+    std::unique_lock lock(mutex_);
+    wait(lock, [&] { return states_.at(number).ended; });
+    const Slot &slot = table().slot[number];
+    if (slot.result != 0)
+        throw std::runtime_error("the guest cannot execute a program: " +
+                                 std::to_string(slot.result));
+    return slot.status;
+}
+
+void Guest::signal(std::uint32_t number, int what)
+{
+    {
+        std::lock_guard lock(mutex_);
+        if (states_.at(number).ended)
+            return;
+    }
+    request(dispatcher, Request::systemCall,
+            {SYS_kill, static_cast<std::uint32_t>(table().slot[number].pid),
+             static_cast<std::uint32_t>(what)});
 }
 
 void Guest::order(Order what)
@@ -240,6 +276,31 @@ GuestProcess::~GuestProcess()
     } catch (const GuestLost &) {
         // Whoever next asks something of the guest is told.
     }
+}
+
+void GuestProcess::execute(const std::vector<std::string> &arguments,
+                           const std::vector<std::string> &environment)
+{
+    std::uint32_t next = area();
+    auto put = [&](const void *from, std::size_t bytes) {
+        std::uint32_t at = next;
+        auto length = static_cast<std::uint32_t>((bytes + 3) / 4 * 4);
+        if (length > area() + memoryBytes - next)
+            throw std::length_error("too many arguments for a program of the guest");
+        std::memcpy(pointer(at), from, bytes);
+        next += length;
+        return at;
+    };
+    auto putList = [&](const std::vector<std::string> &texts) {
+        std::vector<std::uint32_t> list;
+        for (const std::string &text : texts)
+            list.push_back(put(text.c_str(), text.size() + 1));
+        list.push_back(0);
+        return put(list.data(), list.size() * sizeof(list[0]));
+    };
+    std::uint32_t path = put(arguments.at(0).c_str(), arguments[0].size() + 1);
+    std::uint32_t argumentList = putList(arguments);
+    guest_.execute(slot_, path, argumentList, putList(environment));
 }
 
 } // namespace vm

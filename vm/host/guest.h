@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "../protocol.h"
 #include "descriptor.h"
@@ -55,8 +56,18 @@ public:
 
     // Starts a process as a child of another's and gives its slot.
     std::uint32_t fork(std::uint32_t parent);
-    // Makes the slot's process exit and waits for its end.
+    // Makes the slot's process exit, if it is no program, and waits for its end.
     void exit(std::uint32_t slot);
+
+    // Makes the slot's process a program; all are addresses, as execve has them. Nothing can be
+    // asked of the process any more.
+    void execute(std::uint32_t slot, std::uint32_t path, std::uint32_t arguments,
+                 std::uint32_t environment);
+    // Waits until the program of the slot's process has ended: its status, as wait tells it. Throws
+    // std::runtime_error if there was no such program.
+    std::int32_t waitForEnd(std::uint32_t slot);
+    // Sends the slot's process a signal, whatever it does, if it has not ended.
+    void signal(std::uint32_t slot, int number);
 
     // Lets the kernel print what its blocked tasks wait for, if it still can.
     void showBlockedTasks();
@@ -66,8 +77,10 @@ public:
 private:
     struct State {
         bool taken = false;
-        bool busy = false;  // with a request
-        bool ended = false; // its process
+        bool asked = false;    // by somebody, who has not taken the answer yet
+        bool answered = false; // what was asked last
+        bool ended = false;    // its process
+        bool program = false;  // is what the process has become
     };
 
     void listen();
@@ -111,6 +124,19 @@ public:
     {
         return guest_.request(slot_, Request::copy, {to, from, bytes});
     }
+
+    // Reads from a file or pipe until so many bytes are there, or to its end: how many there are.
+    std::int32_t fill(int file, std::uint32_t to, std::uint32_t bytes)
+    {
+        return guest_.request(slot_, Request::fill, {static_cast<std::uint32_t>(file), to, bytes});
+    }
+    // Becomes a program, with the arguments (the first is its path too) and the environment
+    // ("NAME=value"); nothing else may be asked of it then but what follows.
+    void execute(const std::vector<std::string> &arguments,
+                 const std::vector<std::string> &environment);
+    // As Guest has them.
+    std::int32_t waitForEnd() { return guest_.waitForEnd(slot_); }
+    void signal(int number) { guest_.signal(slot_, number); }
 
     std::uint32_t area() const { return sharedAddress + slot_ * areaBytes; }
 

@@ -66,6 +66,8 @@ void writeInitramfs(const std::string &path, const std::vector<GuestFile> &files
     for (const char *folder : {"dev", "proc", "sys", "mnt"})
         archive.add(folder, S_IFDIR | 0755);
     archive.add("dev/console", S_IFCHR | 0600, "", 5, 1);
+    archive.add("dev/null", S_IFCHR | 0666, "", 1, 3);
+    archive.add("dev/urandom", S_IFCHR | 0644, "", 1, 9);
     for (const GuestFile &file : files)
         archive.add(file.name, S_IFREG | 0755, file.contents);
     std::ofstream out(path, std::ios::binary | std::ios::trunc);

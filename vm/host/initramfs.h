@@ -13,7 +13,7 @@ struct GuestFile {
 };
 
 // Writes an archive (newc) with these files, executable, the folders that the guest mounts things
-// on, and a console.
+// on, and the devices that programs expect.
 void writeInitramfs(const std::string &path, const std::vector<GuestFile> &files);
 
 } // namespace vm

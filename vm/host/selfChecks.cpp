@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
+#include <cstring>
 
 #include <fcntl.h>
 #include <linux/fs.h>
 
+#include "guestProgram.h"
 #include "kernelLog.h"
 
 namespace vm
@@ -137,6 +140,55 @@ void noticesDeaths(Environment &env)
     expect(env.lostWrites(0).empty(), "no write to be lost");
 }
 
+// A program gets what it is given, and its output comes whole and no faster than it is taken.
+void runsPrograms(Environment &env)
+{
+    ProgramResult shown = runProgram(env.guest(), {"/init", "show", "NAME"}, {"A=1", "NAME=some"});
+    expect(shown.output == "NAME=some", "the environment of a program: " + shown.output);
+    expect(shown.errors == "show: 0\n", "its standard error: " + shown.errors);
+    expectEqual(shown.code, 0, "its exit code");
+    expectEqual(runProgram(env.guest(), {"/init", "exit", "3"}).code, 3, "another exit code");
+
+    constexpr std::uint32_t numbers = 4 << 20;
+    GuestProgram counting(env.guest(), {"/init", "count", std::to_string(numbers)});
+    env.pause(300000);
+    expect(counting.errors().empty(), "a program to wait for its reader");
+    std::uint32_t next = 0;
+    for (std::string_view piece = counting.read(); !piece.empty(); piece = counting.read()) {
+        expectEqual(piece.size() % sizeof(next), 0u, "an odd end of a piece");
+        for (std::size_t at = 0; at < piece.size(); at += sizeof(next), next++)
+            expect(std::memcmp(&piece[at], &next, sizeof(next)) == 0,
+                   "number " + std::to_string(next) + " of the output");
+    }
+    expectEqual(next, numbers, "the length of the output");
+    expect(counting.waitForError("count: 0"), "the end to be told");
+    expectEqual(counting.wait(), 0, "the exit code after all was read");
+}
+
+// However a program ends, it is told how, and others go on.
+void noticesHowProgramsEnd(Environment &env)
+{
+    GuestProgram killed(env.guest(), {"/init", "count", "1000000"});
+    GuestProgram left(env.guest(), {"/init", "count", "1000000"});
+    expect(killed.read(100).size() == 100 && left.read(100).size() == 100, "two programs that run");
+    killed.signal(SIGKILL);
+    expectEqual(killed.wait(), 128 + SIGKILL, "the end of a killed program");
+    left.closeOutput();
+    expectEqual(left.wait(), 128 + SIGPIPE, "the end of a program that nobody listens to");
+    expect(!left.waitForError("count"), "no more from it");
+    {
+        GuestProgram dropped(env.guest(), {"/init", "count", "1000000"});
+    }
+    bool missing = false;
+    try {
+        runProgram(env.guest(), {"/no/such/program"});
+    } catch (const std::runtime_error &) {
+        missing = true;
+    }
+    expect(missing, "a missing program to be told");
+    expectEqual(runProgram(env.guest(), {"/init", "exit", "0"}).code, 0, "the next exit code");
+}
+
 void findsFaultReports(Environment &)
 {
     const std::string circle = "[ INFO: possible circular locking dependency detected ]\n";
@@ -178,6 +230,8 @@ std::vector<GuestScenario> selfChecks()
         {"EnvironmentMissesLostWrites", {}, missesLostWrites},
         {"EnvironmentFailsReads", {}, failsReads},
         {"EnvironmentNoticesDeaths", {}, noticesDeaths},
+        {"EnvironmentRunsPrograms", {}, runsPrograms},
+        {"EnvironmentNoticesHowProgramsEnd", {}, noticesHowProgramsEnd},
         {"EnvironmentFindsFaultReports", {}, findsFaultReports},
     };
 }
