@@ -97,6 +97,9 @@ Outcome Backup::run()
     if (Outcome o = directory_.open(options_.stateRoot, options_.major, options_.minor); !o) {
         return o;
     }
+    if (Outcome o = directory_.lockAll(options_.stateRoot); !o) {
+        return o;
+    }
     if (Outcome o = chooseParent(); !o) {
         return o;
     }

@@ -111,6 +111,9 @@ bool startsWith(const char *text, const char *prefix)
 
 StateDirectory::~StateDirectory()
 {
+    if (lockOfAll_ >= 0) {
+        close(lockOfAll_);
+    }
     if (lock_ >= 0) {
         close(lock_);
     }
@@ -143,6 +146,21 @@ Outcome StateDirectory::open(const char *root, uint32_t major, uint32_t minor)
                        minor);
     }
     load();
+    return {};
+}
+
+Outcome StateDirectory::lockAll(const char *root)
+{
+    int rootDirectory = openDirectory(AT_FDCWD, root);
+    lockOfAll_ = openat(rootDirectory, "lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    int error = errno;
+    close(rootDirectory);
+    if (lockOfAll_ < 0) {
+        return failure(ExitCode::FellShort, "state directory %s: %s", root, strerror(error));
+    }
+    if (flock(lockOfAll_, LOCK_EX | LOCK_NB) != 0) {
+        return failure(ExitCode::Refused, "another zelsend is at work on another device");
+    }
     return {};
 }
 

@@ -55,6 +55,12 @@ public:
      * (Refused if one is at work). A state that is missing or damaged reads as empty. */
     Outcome open(const char *root, uint32_t major, uint32_t minor);
 
+    /* Locks ROOT against every other zelsend's backup, of whatever device (Refused if there is
+     * one). The module serves one backup at a time, and the close of any other open file of its
+     * control device ends that backup without a sign: so this comes before the control device is
+     * opened. */
+    Outcome lockAll(const char *root);
+
     /* The last open found a state that it could not use. */
     bool wasDamaged() const { return damaged_; }
     const DeviceState &state() const { return state_; }
@@ -91,6 +97,7 @@ private:
 
     int directory_ = -1;
     int lock_ = -1;
+    int lockOfAll_ = -1;
     bool damaged_ = false;
     DeviceState state_ = {};
 };

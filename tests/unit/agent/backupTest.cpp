@@ -304,6 +304,23 @@ TEST_F(BackupTest, ADeviceThatIsNotThereIsRefused)
     EXPECT_EQ(device.openFiles(), 0U);
 }
 
+// Its close would end the running backup, and nothing would tell.
+TEST_F(BackupTest, ABackupOfAnotherDeviceIsRefusedBeforeItOpensTheModule)
+{
+    SenderResult other = {};
+    std::size_t commands = 0;
+    beforeRead(2, [&] {
+        commands = device.commands().size();
+        other = send({"8:2"});
+        commands = device.commands().size() - commands;
+    });
+    backUp();
+    EXPECT_EQ(other.exitCode, 4);
+    EXPECT_EQ(other.messages, "zelsend: another zelsend is at work on another device\n");
+    EXPECT_EQ(commands, 0U);
+    EXPECT_EQ(receiver.image(), device.snapshotImage());
+}
+
 // Every answer that a command of a first backup can give besides 0 ends it, with a code that says
 // so, and whatever was opened is closed.
 TEST_F(BackupTest, EveryRefusedCommandEndsIt)

@@ -195,6 +195,24 @@ TEST_F(StateDirectoryTest, ASecondOneForTheSameDeviceIsRefused)
     EXPECT_TRUE(other.open(root.path().c_str(), 8, 2));
 }
 
+TEST_F(StateDirectoryTest, OneBackupOfAnyDeviceExcludesTheOthers)
+{
+    StateDirectory second;
+    ASSERT_TRUE(second.open(root.path().c_str(), 8, 2));
+    {
+        StateDirectory first;
+        ASSERT_TRUE(first.open(root.path().c_str(), 8, 1));
+        ASSERT_TRUE(first.lockAll(root.path().c_str()));
+        Outcome outcome = second.lockAll(root.path().c_str());
+        EXPECT_EQ(outcome.code, ExitCode::Refused);
+        EXPECT_STREQ(outcome.text, "another zelsend is at work on another device");
+    }
+    StateDirectory third;
+    EXPECT_TRUE(third.lockAll(root.path().c_str()));
+    Outcome outcome = StateDirectory().lockAll((root.path() / "no/such").c_str());
+    EXPECT_EQ(outcome.code, ExitCode::FellShort);
+}
+
 TEST_F(StateDirectoryTest, ADirectoryThatCannotBeMadeIsAFailure)
 {
     StateDirectory directory;
