@@ -29,6 +29,10 @@ const char *openDeviceShowsItsDisk(const Environment *environment)
     REQUIRE(part_nr_sects(part) > 0);
     REQUIRE(part_start_sect(part) + part_nr_sects(part) <= get_capacity(disk));
     REQUIRE(disk_queue(disk) != nullptr);
+    struct hd_struct *all = bdev_part(whole);
+    REQUIRE(all != nullptr);
+    REQUIRE(part_start_sect(all) == 0);
+    REQUIRE(part_nr_sects(all) == get_capacity(disk));
     return nullptr;
 }
 
@@ -39,6 +43,7 @@ const char *closedDeviceShowsNone(const Environment *environment)
     REQUIRE(bdev_dev(bdev) == environment->closed);
     REQUIRE(bdev_disk(bdev) == nullptr);
     REQUIRE(bdev_part(bdev) == nullptr);
+    REQUIRE(bdev_contains(bdev) == nullptr);
     return nullptr;
 }
 
@@ -51,6 +56,7 @@ const char *unknownDeviceIsMadeAndShowsNone(const Environment *environment)
     REQUIRE(bdget(number) == bdev);
     REQUIRE(bdev_disk(bdev) == nullptr);
     REQUIRE(bdev_part(bdev) == nullptr);
+    REQUIRE(bdev_contains(bdev) == nullptr);
     return nullptr;
 }
 
@@ -178,6 +184,22 @@ const char *bioMayBeFreedAsItEnds(const Environment *environment)
     return nullptr;
 }
 
+const char *bioLivesUntilItsLastReference(const Environment *environment)
+{
+    static Transfer transfer;
+    REQUIRE_HELD(transfer.begin(bdget(environment->mounted), 8, READ));
+    bio_set_private(transfer.bio, &transfer.done);
+    bio_set_end_io(transfer.bio, endedForGood);
+    bio_get(transfer.bio);
+    generic_make_request(transfer.bio);
+    wait_for_completion(&transfer.done);
+    REQUIRE(bio_private(transfer.bio) == &transfer.done);
+    REQUIRE(bio_uptodate(transfer.bio) != 0);
+    REQUIRE(bio_vec_page(transfer.bio, 0) == transfer.page);
+    transfer.finish();
+    return nullptr;
+}
+
 const struct ContractCheck checks[] = {
     {"openDeviceShowsItsDisk", openDeviceShowsItsDisk},
     {"closedDeviceShowsNone", closedDeviceShowsNone},
@@ -187,6 +209,7 @@ const struct ContractCheck checks[] = {
     {"whatIsWrittenIsRead", whatIsWrittenIsRead},
     {"bioBeyondTheEndFails", bioBeyondTheEndFails},
     {"bioMayBeFreedAsItEnds", bioMayBeFreedAsItEnds},
+    {"bioLivesUntilItsLastReference", bioLivesUntilItsLastReference},
 };
 
 } // namespace

@@ -97,10 +97,63 @@ const char *waitingEndsWhenTheBufferIsUnlocked(const Environment *environment)
     return nullptr;
 }
 
+void readEnded(struct bio *bio, int)
+{
+    auto *bh = static_cast<struct buffer_head *>(bio_private(bio));
+    if (bio_uptodate(bio) != 0)
+        set_buffer_uptodate(bh);
+    unlock_buffer(bh);
+    put_bh(bh);
+    bio_put(bio);
+}
+
+// The wait itself sees to it that the disk begins.
+const char *bufferIsReadByABio(const Environment *environment)
+{
+    struct block_device *bdev = bdget(environment->mounted);
+    struct request_queue *queue = disk_queue(bdev_disk(bdev));
+    spinlock_t *lock = queue_lock(queue);
+    REQUIRE(lock != nullptr);
+    unsigned long flags = spin_lock_irqsave(lock);
+    make_request_fn *real = queue_make_request_fn(queue);
+    spin_unlock_irqrestore(lock, flags);
+    for (unsigned int i = 0; i < 3; i++) {
+        struct buffer_head *bh = alloc_buffer_head(GFP_NOIO);
+        struct bio *bio = bio_alloc(GFP_NOIO, 1);
+        struct page *page = alloc_pages(GFP_HIGHUSER, 0);
+        REQUIRE(bh != nullptr && bio != nullptr && page != nullptr);
+        bh_set_state(bh, BH_STATE_Lock | BH_STATE_Req | BH_STATE_Mapped);
+        bh_set_bdev(bh, bdev);
+        set_bh_page(bh, page, 1024);
+        bh_set_size(bh, 1024);
+        bh_init_assoc_buffers(bh);
+        bh_set_count(bh, 2);
+        bio_set_bdev(bio, bdev);
+        bio_set_sector(bio, part_start_sect(bdev_part(bdev)) + 2 * i);
+        bio_set_rw(bio, READ);
+        bio_set_vec(bio, 0, page, 1024, 1024);
+        bio_set_vcnt(bio, 1);
+        bio_set_idx(bio, 0);
+        bio_set_size(bio, 1024);
+        bio_set_private(bio, bh);
+        bio_set_end_io(bio, readEnded);
+        REQUIRE(real(queue, bio) == 0);
+        wait_on_buffer(bh);
+        REQUIRE(buffer_uptodate(bh) != 0);
+        while (bh_count(bh) > 1)
+            schedule();
+        put_bh(bh);
+        free_buffer_head(bh);
+        __free_pages(page, 0);
+    }
+    return nullptr;
+}
+
 const struct ContractCheck checks[] = {
     {"bufferKeepsItsFields", bufferKeepsItsFields},
     {"bufferPointsIntoItsPage", bufferPointsIntoItsPage},
     {"waitingEndsWhenTheBufferIsUnlocked", waitingEndsWhenTheBufferIsUnlocked},
+    {"bufferIsReadByABio", bufferIsReadByABio},
 };
 
 } // namespace

@@ -39,6 +39,27 @@ const char *realFunctionTakesAWholeDisksBio(const Environment *environment)
     return nullptr;
 }
 
+// A bio that goes straight there keeps its sector, even if it names the partition's device.
+const char *realFunctionDoesNotRemap(const Environment *environment)
+{
+    static Transfer direct;
+    static Transfer usual;
+    struct block_device *bdev = bdget(environment->mounted);
+    struct request_queue *queue = disk_queue(bdev_disk(bdev));
+    sector_t start = part_start_sect(bdev_part(bdev));
+    make_request_fn *real = exchangeFunction(queue, nullptr);
+    REQUIRE_HELD(usual.begin(bdev, 8, READ));
+    generic_make_request(usual.bio);
+    REQUIRE_HELD(usual.succeeded());
+    REQUIRE_HELD(direct.begin(bdev, start + 8, READ));
+    REQUIRE(real(queue, direct.bio) == 0);
+    REQUIRE_HELD(direct.succeeded());
+    REQUIRE(direct.sameBytes(&usual));
+    direct.finish();
+    usual.finish();
+    return nullptr;
+}
+
 // What a hook saw of the bios that a check submits; all others pass.
 struct Watch {
     make_request_fn *real;
@@ -126,6 +147,29 @@ const char *wholeDisksBioIsNotRemapped(const Environment *environment)
     REQUIRE(watch.calls == 1);
     REQUIRE(watch.bdev == bdev_contains(bdev));
     REQUIRE(watch.sector == 24);
+    transfer.finish();
+    return nullptr;
+}
+
+// As a flush of the disk's cache is submitted. A disk may refuse it.
+const char *bioWithoutContentsIsNotRemapped(const Environment *environment)
+{
+    static Transfer transfer;
+    constexpr unsigned long barrier = 1 << 2;
+    struct block_device *bdev = bdget(environment->mounted);
+    struct request_queue *queue = disk_queue(bdev_disk(bdev));
+    watch = {};
+    REQUIRE_HELD(transfer.begin(bdev, 0, WRITE | barrier));
+    bio_set_vcnt(transfer.bio, 0);
+    bio_set_size(transfer.bio, 0);
+    const char *unexpected = submitWatched(queue, &transfer);
+    REQUIRE(unexpected == nullptr || transfer.error == -KERNEL_EOPNOTSUPP);
+    if (watch.calls != 0) { // else it was refused before
+        REQUIRE(watch.bdev == bdev);
+        REQUIRE(watch.sector == 0);
+    } else {
+        REQUIRE(transfer.error == -KERNEL_EOPNOTSUPP);
+    }
     transfer.finish();
     return nullptr;
 }
@@ -262,9 +306,11 @@ const char *queueIsReferenced(const Environment *environment)
 
 const struct ContractCheck checks[] = {
     {"realFunctionTakesAWholeDisksBio", realFunctionTakesAWholeDisksBio},
+    {"realFunctionDoesNotRemap", realFunctionDoesNotRemap},
     {"partitionsBioIsRemappedBeforeTheQueue", partitionsBioIsRemappedBeforeTheQueue},
     {"wholeDisksBioIsNotRemapped", wholeDisksBioIsNotRemapped},
     {"bioPastAPartitionsEndDoesNotReachTheQueue", bioPastAPartitionsEndDoesNotReachTheQueue},
+    {"bioWithoutContentsIsNotRemapped", bioWithoutContentsIsNotRemapped},
     {"hookMaySendABioElsewhere", hookMaySendABioElsewhere},
     {"submissionInsideAHookWaitsForIt", submissionInsideAHookWaitsForIt},
     {"hookMaySleep", hookMaySleep},
