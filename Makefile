@@ -30,7 +30,7 @@ machine: build ## start the demonstration machine and leave it running
 module: ## build zelmod.ko for a real kernel: make module KDIR=<built 2.6.30 tree>
 	@tools/module.sh "$(KDIR)"
 
-vm: ## run the scenarios in a real kernel: make vm KERNEL=<bzImage> MODULE=<zelmod.ko>
+vm: ## run contract and scenarios in a real kernel: make vm KERNEL=<bzImage> MODULE=<zelmod.ko>
 	@[ -z "$(KERNEL)" ] || tools/setup.sh qemu-system-x86
 	@tools/vm.sh "$(KERNEL)" "$(MODULE)" $(ARGUMENTS)
 

@@ -1,10 +1,12 @@
 #!/bin/bash
-# Boots a real kernel in an emulator and runs the scenarios on the module in it.
+# Boots a real kernel in an emulator and runs the scenarios on the module in it, and the contract's
+# checks if zelcontract.ko is beside the module.
 #
-#   tools/vm.sh <kernel> <module> [--disk ide|virtio]... [--timeout seconds] [scenario...]
+#   tools/vm.sh <kernel> <module> [--disk ide|virtio]... [--timeout seconds] [name...]
 #
-# A scenario is named by any part of its name; without any, all are run, with each kind of disk. What
-# the kernels printed is in build/vm/console.log afterwards.
+# A scenario is named by any part of its name, a check by "Contract." and the beginning of its name;
+# without any, all are run, with each kind of disk. What the kernels printed is in
+# build/vm/console.log afterwards.
 set -euo pipefail
 
 fail()
