@@ -14,7 +14,7 @@ target_link_libraries(vm_scenarios PRIVATE Threads::Threads)
 add_custom_target(vm DEPENDS vm_guest_program vm_scenarios)
 
 # A few of them belong to the checks, where the environment says which kernel to take.
-foreach(step module scenarios)
+foreach(step module package scenarios)
   add_test(NAME real_kernel.${step}
     COMMAND ${PROJECT_SOURCE_DIR}/tools/check-real-kernel.sh ${step})
   set_tests_properties(real_kernel.${step} PROPERTIES LABELS vm TIMEOUT 600 SKIP_RETURN_CODE 77)
