@@ -201,6 +201,8 @@ void findsFaultReports(Environment &)
           "slab error in kmem_cache_destroy(): cache `pages': Can't free all objects\n"})
         expect(faultReports(fine + report + fine).lines.size() == 1, "a report: " + report);
     expect(faultReports(fine).lines.empty(), "no report where there is none");
+    expect(faultReports("Restarting system.\nWARNING: at smp.c\n").lines.empty(),
+           "what comes after the end left out");
 
     const std::string thaw =
         " (&bdev->bd_fsfreeze_mutex){+.+...}, at: [<c10a45f9>] thaw_bdev+0x1a\n";
