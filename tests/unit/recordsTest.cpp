@@ -217,6 +217,7 @@ TEST_F(RecordsExchanged, AShortKeyIsComparedWithZerosForTheRest)
         // The session's key as an agent would have to know it by its first 20 bytes.
         AMSessionKey &inModule = amList[disk.major()][disk.minor()]->sessionKey;
         std::memset(inModule.key + 20, 0, sizeof(inModule.key) - 20);
+        inModule.key[19] = ams.amsKey.key[19] = 0x5a; // it may have been 0
 
         ASSERT_GE(agent.open(), 0);
         ASSERT_EQ(agent.startBackup(disk.device(), disk.blocks(), 1), 0);
