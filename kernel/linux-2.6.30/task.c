@@ -5,6 +5,7 @@
 #include <linux/rwsem.h>
 #include <linux/sched.h>
 #include <linux/semaphore.h>
+#include <linux/signal.h>
 
 #include <kernel/task.h>
 
@@ -20,7 +21,15 @@ void zk_set_current_running(void)
 
 int zk_kernel_thread(int (*function)(void *), void *argument, unsigned long flags)
 {
-    return kernel_thread(function, argument, flags);
+    sigset_t all, before;
+    int pid;
+
+    /* A fork fails where a signal waits, to be begun again by a process's fork(). */
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, &before);
+    pid = kernel_thread(function, argument, flags);
+    sigprocmask(SIG_SETMASK, &before, NULL);
+    return pid;
 }
 
 void zk_daemonize(const char *name)

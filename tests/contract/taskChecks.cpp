@@ -175,6 +175,47 @@ const char *pendingSignalOnlyKeepsATaskFromSleeping(const Environment *environme
     return nullptr;
 }
 
+struct Starter {
+    struct completion ready;
+    struct completion sent;
+    atomic_t counter;
+    bool started;
+    int pendingAfterwards;
+    Thread thread;
+    Thread child;
+};
+
+void startWithSignalPending(void *argument)
+{
+    auto *starter = static_cast<Starter *>(argument);
+    struct semaphore none;
+    sema_init(&none, 0);
+    allow_signal(signalKill);
+    complete(&starter->ready);
+    wait_for_completion(&starter->sent);
+    starter->started = starter->child.start(addOne, &starter->counter);
+    if (starter->started)
+        starter->child.join();
+    starter->pendingAfterwards = down_interruptible(&none);
+}
+
+const char *threadsStartWhereASignalIsPending(const Environment *environment)
+{
+    static Starter starter;
+    atomic_set(&starter.counter, 0);
+    init_completion(&starter.ready);
+    init_completion(&starter.sent);
+    REQUIRE(starter.thread.start(startWithSignalPending, &starter));
+    wait_for_completion(&starter.ready);
+    environment->sendSignal(starter.thread.pid, signalKill);
+    complete(&starter.sent);
+    starter.thread.join();
+    REQUIRE(starter.started);
+    REQUIRE(atomic_read(&starter.counter) == 1);
+    REQUIRE(starter.pendingAfterwards == -KERNEL_EINTR);
+    return nullptr;
+}
+
 const char *timeDoesNotGoBack(const Environment *environment)
 {
     struct kernel_timespec first;
@@ -234,6 +275,7 @@ const struct ContractCheck checks[] = {
     {"signalThatIsNotAllowedDoesNothing", signalThatIsNotAllowedDoesNothing},
     {"downIsNotInterrupted", downIsNotInterrupted},
     {"pendingSignalOnlyKeepsATaskFromSleeping", pendingSignalOnlyKeepsATaskFromSleeping},
+    {"threadsStartWhereASignalIsPending", threadsStartWhereASignalIsPending},
     {"timeDoesNotGoBack", timeDoesNotGoBack},
     {"randomBytesFillExactlyTheBuffer", randomBytesFillExactlyTheBuffer},
 };

@@ -14,7 +14,8 @@ SEAM(void, set_current_running, (void));
 
 /*
  * Starts a kernel thread that runs `function(argument)`. `flags` are clone flags. Returns its
- * pid (above 0), or a negated errno. Process context, may sleep.
+ * pid (above 0), or a negated errno. A signal that waits for the caller does not matter. Process
+ * context, may sleep.
  */
 SEAM(int, kernel_thread, (int (*function)(void *), void *argument, unsigned long flags));
 
