@@ -1,6 +1,7 @@
 # The scenarios in a real kernel under an emulator: the guest's only program, and the program that
-# drives it. The latter has 32 bits, so that both sides can share addresses.
-include(StaticProgram)
+# drives it. The latter has 32 bits, so that both sides can share addresses. zelsend runs there as it
+# is delivered; zel, which takes its stream, is the native build's.
+include(Zelsend)
 zelGlob(guestSources vm/guest/*.cpp)
 zelStaticProgram(vm_guest SOURCES ${guestSources})
 
@@ -11,7 +12,7 @@ zelProgram(vm_scenarios ${vmSources})
 target_include_directories(vm_scenarios PRIVATE ${PROJECT_SOURCE_DIR} tests kernel/include
   kernel/host/include zelmod/2.6)
 target_link_libraries(vm_scenarios PRIVATE Threads::Threads)
-add_custom_target(vm DEPENDS vm_guest_program vm_scenarios)
+add_custom_target(vm DEPENDS vm_guest_program zelsend_program vm_scenarios)
 
 # A few of them belong to the checks, where the environment says which kernel to take.
 foreach(step module package scenarios)

@@ -31,5 +31,6 @@ shift 2
 
 cd "$(dirname "$(readlink -f "$0")")/.."
 tools/build.sh i386 vm
+tools/build.sh native zel
 exec build/i386/vm_scenarios --kernel "$kernel" --module "$module" --guest build/i386/vm_guest \
-    --folder build/vm "$@"
+    --zelsend build/i386/zelsend --zel build/native/zel --folder build/vm "$@"

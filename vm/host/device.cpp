@@ -21,7 +21,7 @@ scenario::Image contentsOf(const Volume &volume, const std::vector<unsigned char
 
 Device::Device(const Volume &volume, std::vector<unsigned char> &image)
     : volume_(volume), places_(volume.fileBlocks.size() - directBlocks),
-      written_(test::emptyBitmap(volume.blocks)), ownWrites_(written_)
+      written_(test::emptyBitmap(volume.blocks)), allWrites_(written_), ownWrites_(written_)
 {
     unsigned char *start = &image[static_cast<std::size_t>(volume.startSector * sectorBytes)];
     for (std::uint32_t place = 0; place < places(); place++)
@@ -105,6 +105,8 @@ void Device::freeze(const std::vector<unsigned char> &disk)
     frozen_ = contentsOf(volume_, disk);
     if (lostAtFreeze_.empty())
         lostAtFreeze_ = compare(frozen_);
+    freezes_++;
+    allWrites_ = written_;
     ownWrites_ = written_;
     for (std::uint32_t place = 0; place < places(); place++) {
         std::uint32_t block = blockAt(place);
@@ -112,6 +114,18 @@ void Device::freeze(const std::vector<unsigned char> &disk)
             static_cast<std::uint8_t>(ownWrites_[block / 8] & ~(1u << block % 8));
     }
     written_ = test::emptyBitmap(volume_.blocks);
+}
+
+unsigned Device::freezes() const
+{
+    std::lock_guard lock(mutex_);
+    return freezes_;
+}
+
+test::Bitmap Device::written() const
+{
+    std::lock_guard lock(mutex_);
+    return allWrites_;
 }
 
 test::Bitmap Device::ownWrites() const

@@ -46,6 +46,10 @@ public:
                      const std::vector<unsigned char> &disk);
 
     const scenario::Image &frozen() const { return frozen_; }
+    // How many freezes there were.
+    unsigned freezes() const;
+    // All blocks that were written from one freeze to the next, the last two.
+    test::Bitmap written() const;
     // The file system's own blocks that were written from one freeze to the next, the last two.
     test::Bitmap ownWrites() const;
     // Empty, or what is lost in these contents of the device or was at a freeze, or was written
@@ -70,7 +74,9 @@ private:
     bool isFrozen_ = false; // it has been in use, and is not now
     scenario::Image frozen_;
     std::string lostAtFreeze_;
+    unsigned freezes_ = 0;
     test::Bitmap written_;   // since the last freeze
+    test::Bitmap allWrites_; // at the last freeze
     test::Bitmap ownWrites_; // at the last freeze
 };
 

@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -153,6 +155,12 @@ scenario::Image Environment::contents(unsigned index) const
 {
     return disk_->contents(startSector(index) * sectorBytes,
                            std::size_t{blocks(index)} * blockSize(index));
+}
+
+std::string Environment::kernelLog() const
+{
+    std::ifstream in(setting_.console, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 void Environment::spoil(unsigned index, std::uint32_t place, const scenario::Image &bytes)

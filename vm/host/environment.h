@@ -48,6 +48,11 @@ public:
     std::string folder(unsigned index) const;
     // What the device has now.
     scenario::Image contents(unsigned index) const;
+    // As Device has them.
+    unsigned freezes(unsigned index) const { return devices_.at(index)->freezes(); }
+    test::Bitmap written(unsigned index) const { return devices_.at(index)->written(); }
+    // What the kernel has printed so far.
+    std::string kernelLog() const;
     // Puts bytes at a place of the disk, behind the guest's back.
     void spoil(unsigned index, std::uint32_t place, const scenario::Image &bytes);
 

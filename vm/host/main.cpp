@@ -1,5 +1,6 @@
 /* Runs the scenarios in a real kernel under an emulator and prints a line for each. */
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -15,6 +16,7 @@
 #include "initramfs.h"
 #include "kernelLog.h"
 #include "selfChecks.h"
+#include "zelsendScenarios.h"
 
 namespace
 {
@@ -25,6 +27,8 @@ struct Options {
     std::string kernel;
     std::string module;
     std::string guest;
+    std::string zelsend;
+    std::string zel;
     std::string folder;
     std::vector<std::string> disks;
     std::vector<std::string> names; // of scenarios: those that contain one of them
@@ -47,8 +51,9 @@ std::string contentsOf(const std::string &path)
 
 [[noreturn]] void usage()
 {
-    std::cerr << "usage: vm_scenarios --kernel FILE --module FILE --guest FILE --folder FOLDER\n"
-                 "                    [--disk ide|virtio]... [--timeout SECONDS] [NAME...]\n";
+    std::cerr << "usage: vm_scenarios --kernel FILE --module FILE --guest FILE --zelsend FILE\n"
+                 "                    --zel FILE --folder FOLDER [--disk ide|virtio]... [--timeout "
+                 "SECONDS] [NAME...]\n";
     std::exit(2);
 }
 
@@ -57,15 +62,16 @@ Options parse(int count, char **arguments)
     const option known[] = {{"kernel", required_argument, nullptr, 'k'},
                             {"module", required_argument, nullptr, 'm'},
                             {"guest", required_argument, nullptr, 'g'},
+                            {"zelsend", required_argument, nullptr, 's'},
+                            {"zel", required_argument, nullptr, 'z'},
                             {"folder", required_argument, nullptr, 'f'},
                             {"disk", required_argument, nullptr, 'd'},
                             {"timeout", required_argument, nullptr, 't'},
                             {}};
     Options options;
-    std::map<int, std::string *> texts = {{'k', &options.kernel},
-                                          {'m', &options.module},
-                                          {'g', &options.guest},
-                                          {'f', &options.folder}};
+    std::map<int, std::string *> texts = {{'k', &options.kernel}, {'m', &options.module},
+                                          {'g', &options.guest},  {'s', &options.zelsend},
+                                          {'z', &options.zel},    {'f', &options.folder}};
     int found = 0;
     while ((found = getopt_long(count, arguments, "", known, nullptr)) != -1) {
         if (found == 'd')
@@ -162,8 +168,9 @@ public:
         std::string module = contentsOf(options.module);
         setting_.module = "/zelmod.ko";
         setting_.moduleBytes = static_cast<std::uint32_t>(module.size());
-        vm::writeInitramfs(setting_.initramfs,
-                           {{"init", contentsOf(options.guest)}, {"zelmod.ko", module}});
+        vm::writeInitramfs(setting_.initramfs, {{"init", contentsOf(options.guest)},
+                                                {"zelsend", contentsOf(options.zelsend)},
+                                                {"zelmod.ko", module}});
         std::filesystem::remove(setting_.emulatorLog);
         std::ofstream(setting_.console, std::ios::trunc);
         log_.open("console.log", std::ios::trunc);
@@ -243,6 +250,8 @@ int runAll(const Options &options)
           scenario::unloadScenarios, scenario::readerScenarios})
         for (const Scenario &scenario : list())
             all.push_back(withModule(scenario));
+    for (vm::GuestScenario &scenario : vm::zelsendScenarios(options.zel))
+        all.push_back(std::move(scenario));
     if (contractChosen(options)) {
         auto checks = std::filesystem::path(options.module).replace_filename("zelcontract.ko");
         if (!std::filesystem::exists(checks))
@@ -268,6 +277,7 @@ int runAll(const Options &options)
 int main(int count, char **arguments)
 {
     Options options = parse(count, arguments);
+    std::signal(SIGPIPE, SIG_IGN); // a receiver may end early
     try {
         return runAll(options);
     } catch (const std::exception &failure) {

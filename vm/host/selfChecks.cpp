@@ -45,11 +45,14 @@ Image placeOf(Environment &env, const Image &image, unsigned index, std::uint32_
 void seesFreezes(Environment &env)
 {
     Image first = env.frozen(0);
+    unsigned freezes = env.freezes(0);
     Image other = env.frozen(1);
     env.write(0, 3, 5);
     expectEqual(env.writeThrough(0, 20, 2), 0, "the result of a direct write");
     freezeAndThaw(env, 0);
     Image second = env.frozen(0);
+    expectEqual(env.freezes(0), freezes + 1, "the number of freezes");
+    test::Bitmap blocks = env.written(0);
     env.write(0, 3, 1);
     env.sync(0);
     expect(env.frozen(0) == second, "nothing of what follows the freeze");
@@ -58,6 +61,8 @@ void seesFreezes(Environment &env)
         bool written = (place >= 3 && place < 8) || place == 20 || place == 21;
         expect((placeOf(env, first, 0, place) != placeOf(env, second, 0, place)) == written,
                "place " + std::to_string(place) + " at the freeze as it was written before");
+        expect(test::testBit(blocks, env.blockAt(0, place)) == written,
+               "the blocks to be known that were written before the freeze");
     }
     expect(env.lostWrites(0).empty(), "no write to be lost");
 }
