@@ -63,7 +63,7 @@ std::vector<std::string> emulatorArguments(const GuestOptions &options, int memo
             "-initrd",
             options.initramfs,
             "-append",
-            "console=ttyS0 panic=1 oops=panic i8042.noaux=1 i8042.nokbd=1",
+            "console=ttyS0 panic=1 oops=panic i8042.noaux=1 i8042.nokbd=1 no_timer_check",
             "-chardev",
             "file,id=console,path=" + options.console,
             "-serial",
