@@ -210,7 +210,10 @@ void runContract(const ContractRun &run)
         try {
             next = runSome(run, *next);
         } catch (const std::exception &failure) {
-            run.report({std::string(contractPrefix) + "boots", failure.what(), {}});
+            std::string log = lastLines(Console(run.setting.console).news(), 40);
+            run.report({std::string(contractPrefix) + "boots",
+                        std::string(failure.what()) + "; the end of the kernel log:\n" + log,
+                        {}});
             next = {};
         }
         run.booted();
