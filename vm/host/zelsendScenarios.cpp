@@ -105,7 +105,7 @@ unsigned savedBlocks(const std::string &log)
 void chain(Environment &env, Repository &repository)
 {
     constexpr unsigned devices = 2;
-    constexpr unsigned incrementals = 3;
+    constexpr unsigned incrementals = 2;
     SendChain chains[devices] = {{env, repository, 0}, {env, repository, 1}};
     expectLoad(env);
     Writers writers(env, devices);
@@ -142,7 +142,7 @@ void cutStream(Repository &repository, SendChain &chain)
     chain.noteFreeze();
 }
 
-void endBySignal(Repository &repository, SendChain &chain, int signal, int code, int received)
+void endBySignal(Repository &repository, SendChain &chain, int signal, int code)
 {
     auto program = chain.start();
     Sink receiver = repository.receive("ended");
@@ -151,7 +151,10 @@ void endBySignal(Repository &repository, SendChain &chain, int signal, int code,
     for (std::string_view piece = program->read(); !piece.empty(); piece = program->read())
         receiver.write(piece);
     expectEqual(program->wait(), code, "the exit code after a signal");
-    expectEqual(receiver.finish(), received, "the exit code of the receiver after it");
+    int received = receiver.finish();
+    // It can tell the receiver that it gives up, unless it was in the middle of something.
+    expect(received == receivedDamage || (code == interrupted && received == fellShort),
+           "the receiver to refuse the stream, and not " + std::to_string(received));
     expect(!repository.has("ended"), "no point from a stream that was ended");
     chain.noteFreeze();
 }
@@ -216,9 +219,9 @@ void interruptions(Environment &env, Repository &repository)
     writers.expectProgress();
     chain.takeIncremental();
     writeMuch();
-    endBySignal(repository, chain, SIGKILL, killed, receivedDamage);
+    endBySignal(repository, chain, SIGKILL, killed);
     writers.expectProgress();
-    endBySignal(repository, chain, SIGTERM, interrupted, fellShort);
+    endBySignal(repository, chain, SIGTERM, interrupted);
     writers.expectProgress();
     chain.takeIncremental();
     writeMuch();
