@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <stdexcept>
 
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -44,6 +45,15 @@ Emulator::~Emulator()
         ::kill(pid_, SIGKILL);
         ::waitpid(pid_, nullptr, 0);
     }
+}
+
+double Emulator::processorTime() const
+{
+    clockid_t clock = 0;
+    timespec time = {};
+    if (::clock_getcpuclockid(pid_, &clock) != 0 || ::clock_gettime(clock, &time) != 0)
+        throw std::runtime_error("the emulator's processor time is not known");
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
 bool Emulator::waitEnd(unsigned milliseconds)

@@ -20,6 +20,8 @@ public:
 
     // Waits for its end for at most so long; whether it has ended.
     bool waitEnd(unsigned milliseconds);
+    // Seconds that processors of the host have worked for it so far.
+    double processorTime() const;
 
 private:
     pid_t pid_;

@@ -63,7 +63,8 @@ std::vector<std::string> emulatorArguments(const GuestOptions &options, int memo
             "-initrd",
             options.initramfs,
             "-append",
-            "console=ttyS0 panic=1 oops=panic i8042.noaux=1 i8042.nokbd=1 no_timer_check",
+            "console=ttyS0 panic=1 oops=panic i8042.noaux=1 i8042.nokbd=1 no_timer_check " +
+                options.kernelOptions,
             "-chardev",
             "file,id=console,path=" + options.console,
             "-serial",
@@ -78,10 +79,18 @@ std::vector<std::string> emulatorArguments(const GuestOptions &options, int memo
             "-device",
             "ivshmem-plain,memdev=shared",
             "-global",
-            "virtio-blk-device.request-merging=off", // or neighbours share their errors
-            "-drive",
-            "file=nbd+unix:///?socket=" + options.diskSocket +
-                ",format=raw,if=" + options.diskKind + ",werror=report,rerror=report"};
+            "virtio-blk-device.request-merging=off"}; // or neighbours share their errors
+}
+
+std::vector<std::string> withDrives(std::vector<std::string> arguments, const GuestOptions &options)
+{
+    std::vector<std::string> drives = options.drives;
+    if (drives.empty())
+        drives = {"file=nbd+unix:///?socket=" + options.diskSocket +
+                  ",format=raw,if=" + options.diskKind + ",werror=report,rerror=report"};
+    for (const std::string &drive : drives)
+        arguments.insert(arguments.end(), {"-drive", drive});
+    return arguments;
 }
 
 } // namespace
@@ -89,8 +98,8 @@ std::vector<std::string> emulatorArguments(const GuestOptions &options, int memo
 Guest::Guest(const GuestOptions &options)
     : deadline_(std::chrono::steady_clock::now() + options.timeout), memory_(makeMemory()),
       listener_(listenAt(bellSocket)),
-      emulator_(std::make_unique<Emulator>(emulatorArguments(options, memory_.get()),
-                                           options.emulatorLog)),
+      emulator_(std::make_unique<Emulator>(
+          withDrives(emulatorArguments(options, memory_.get()), options), options.emulatorLog)),
       listening_([this] { listen(); })
 {
     theGuest = this;

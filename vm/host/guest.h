@@ -34,6 +34,9 @@ struct GuestOptions {
     std::string console;    // the file for what the kernel prints
     std::string emulatorLog;
     std::chrono::seconds timeout; // for all that is done with it
+    // In place of that disk, if there are any: disks as the emulator's option -drive has them.
+    std::vector<std::string> drives = {};
+    std::string kernelOptions = {}; // besides those that every guest has
 };
 
 // At most one at a time, as its memory has a fixed place. Any thread may use it.
@@ -71,6 +74,8 @@ public:
 
     // Lets the kernel print what its blocked tasks wait for, if it still can.
     void showBlockedTasks();
+    // Seconds that processors of the host have worked for it so far.
+    double processorTime() const { return emulator_->processorTime(); }
     // Ends the machine, its disks idle; false if it had to be killed.
     bool powerOff();
 
