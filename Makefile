@@ -5,11 +5,11 @@ SECONDS ?= 60
 ARGUMENTS ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build check demo machine module vm package simulate bench fuzz format lint hook clean
+.PHONY: help setup build check demo machine module vm vm-bench package simulate bench fuzz format lint hook clean
 
 help: ## list the targets
 	@echo "make TARGET, where TARGET is one of:"
-	@sed -n 's/^\([a-z]*\):.*## /\1|/p' Makefile | awk -F'|' '{ printf "  %-10s %s\n", $$1, $$2 }'
+	@sed -n 's/^\([a-z-]*\):.*## /\1|/p' Makefile | awk -F'|' '{ printf "  %-10s %s\n", $$1, $$2 }'
 
 setup: ## install the packages and the C library that the build needs (root for packages)
 	@tools/setup.sh
@@ -33,6 +33,10 @@ module: ## build zelmod.ko for a real kernel: make module KDIR=<built 2.6.30 tre
 vm: ## run contract and scenarios in a real kernel: make vm KERNEL=<bzImage> MODULE=<zelmod.ko>
 	@[ -z "$(KERNEL)" ] || tools/setup.sh qemu-system-x86
 	@tools/vm.sh "$(KERNEL)" "$(MODULE)" $(ARGUMENTS)
+
+vm-bench: ## measure in a real kernel: make vm-bench KERNEL=<bzImage> MODULE=<zelmod.ko>
+	@[ -z "$(KERNEL)" ] || tools/setup.sh qemu-system-x86
+	@tools/vm.sh --bench "$(KERNEL)" "$(MODULE)" $(ARGUMENTS)
 
 package: setup ## build the Debian packages into build/packages
 	@tools/setup.sh dpkg-dev debhelper dh-dkms lowdown
@@ -63,4 +67,4 @@ hook: ## run the lint script before each commit in this clone
 
 clean: ## remove what was built (keeps downloads and the machine's disk)
 	@rm -rf build/i386 build/tsan build/asan build/native build/release build/fuzz \
-		build/kernel-objects build/module build/vm build/package build/packages
+		build/kernel-objects build/module build/vm build/vm-bench build/package build/packages

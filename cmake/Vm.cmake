@@ -6,13 +6,26 @@ zelGlob(guestSources vm/guest/*.cpp)
 zelStaticProgram(vm_guest SOURCES ${guestSources})
 
 # test::Agent, with host::Process as a process of the guest.
-zelGlob(vmSources vm/host/*.cpp tests/scenario/*.cpp tests/support/agent.cpp)
-list(FILTER vmSources EXCLUDE REGEX "/hostScenarioTest\\.cpp$")
-zelProgram(vm_scenarios ${vmSources})
-target_include_directories(vm_scenarios PRIVATE ${PROJECT_SOURCE_DIR} tests kernel/include
+zelGlob(vmHostSources vm/host/*.cpp tests/support/agent.cpp)
+list(FILTER vmHostSources EXCLUDE REGEX "/main\\.cpp$")
+zelLibrary(vm_host ${vmHostSources})
+target_include_directories(vm_host PUBLIC ${PROJECT_SOURCE_DIR} tests kernel/include
   kernel/host/include zelmod/2.6)
-target_link_libraries(vm_scenarios PRIVATE Threads::Threads)
+target_link_libraries(vm_host PUBLIC Threads::Threads)
+
+zelGlob(vmSources tests/scenario/*.cpp)
+list(FILTER vmSources EXCLUDE REGEX "/hostScenarioTest\\.cpp$")
+zelProgram(vm_scenarios vm/host/main.cpp ${vmSources})
+target_link_libraries(vm_scenarios PRIVATE vm_host)
 add_custom_target(vm DEPENDS vm_guest_program zelsend_program vm_scenarios)
+
+# Measurements in that kernel: a program for the guest, and what drives it.
+zelGlob(benchGuestSources vm/guest/bench/*.cpp)
+zelStaticProgram(vm_bench_guest SOURCES ${benchGuestSources} INCLUDES zelmod/2.6)
+zelGlob(benchSources vm/bench/*.cpp)
+zelProgram(vm_bench ${benchSources})
+target_link_libraries(vm_bench PRIVATE vm_host)
+add_custom_target(vm-bench DEPENDS vm_guest_program vm_bench_guest_program vm_bench)
 
 # A few of them belong to the checks, where the environment says which kernel to take.
 foreach(step module package scenarios)

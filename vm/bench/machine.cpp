@@ -1,0 +1,220 @@
+#include "machine.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <stdexcept>
+
+#include <sys/stat.h>
+
+#include "vm/host/guestProgram.h"
+#include "vm/host/initramfs.h"
+#include "vm/host/kernelLog.h"
+
+namespace vm
+{
+namespace
+{
+
+constexpr std::uint64_t mebi = 1u << 20;
+constexpr std::uint64_t gibi = 1u << 30;
+constexpr std::uint64_t fileSystemBytes = 64 * mebi;
+constexpr std::uint64_t storeBytes = 64 * mebi;
+
+constexpr const char *initramfs = "initramfs";
+constexpr const char *console = "console.log";
+constexpr const char *emulatorLog = "emulator.log";
+constexpr const char *modulePath = "/zelmod.ko";
+constexpr const char *program = "/bench";
+constexpr unsigned controlMajor = 120;
+constexpr std::chrono::seconds timeout{7200};
+
+std::string contentsOf(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        throw std::runtime_error(path + ": cannot be read");
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+MemoryDisk partitionedDisk()
+{
+    const std::vector<MemoryDisk::Partition> partitions = {
+        {mebi, fileSystemBytes + Machine::areaBytes},
+        {mebi + fileSystemBytes + Machine::areaBytes, Machine::areaBytes},
+        {mebi + fileSystemBytes + 2 * Machine::areaBytes, storeBytes}};
+    MemoryDisk disk(partitions.back().start + partitions.back().bytes);
+    // A first write to memory takes longer than any later one.
+    disk.fill(mebi, fileSystemBytes + 2 * Machine::areaBytes + storeBytes);
+    disk.partition(partitions);
+    disk.makeFileSystem(partitions[0].start, fileSystemBytes);
+    return disk;
+}
+
+MemoryDisk wholeDisk(std::uint64_t bytes)
+{
+    MemoryDisk disk(bytes);
+    disk.makeFileSystem(0, bytes);
+    return disk;
+}
+
+} // namespace
+
+void require(int result, const std::string &what)
+{
+    if (result != 0)
+        throw std::runtime_error(what + " failed with " + std::to_string(result));
+}
+
+Machine::Machine(const MachineOptions &options)
+{
+    std::string module = contentsOf(options.module);
+    moduleBytes_ = static_cast<std::uint32_t>(module.size());
+    writeInitramfs(initramfs, {{"init", contentsOf(options.guest)},
+                               {"bench", contentsOf(options.benchGuest)},
+                               {"zelmod.ko", module}});
+    std::filesystem::remove(emulatorLog);
+    disks_.push_back(partitionedDisk());
+    disks_.push_back(wholeDisk(gibi));
+    disks_.push_back(wholeDisk(64 * gibi));
+
+    GuestOptions guest{options.kernel, initramfs, "", "virtio", console, emulatorLog, timeout};
+    for (const MemoryDisk &disk : disks_)
+        guest.drives.push_back(disk.drive());
+    guest.kernelOptions = "ramdisk_size=" + std::to_string(storeBytes / 1024) +
+                          " maxcpus=" + std::to_string(options.processors);
+    guest_ = std::make_unique<Guest>(guest);
+    guest_->waitUntilReady();
+    worker_ = std::make_unique<Worker>(*guest_);
+
+    require(worker_->makeNode("/dev/zelmod", S_IFCHR, controlMajor, 0), "mknod");
+    std::string node = addNode("vda", 1, &devices_[first]);
+    area_ = {node, fileSystemBytes, areaBytes};
+    kernel_dev_t number = 0;
+    origin_ = {addNode("vda", 2, &number), 0, areaBytes};
+    store_ = {addNode("vda", 3, &number), 0, storeBytes};
+    ramStore_ = {addNode("ram0", 0, &number), 0, storeBytes};
+    mount(first, node);
+    mount(small, addNode("vdb", 0, &devices_[small]));
+    mount(large, addNode("vdc", 0, &devices_[large]));
+    for (std::string disk : {"vda", "vdb", "vdc"})
+        require(worker_->write("/sys/block/" + disk + "/queue/scheduler", options.scheduler),
+                "choosing the scheduler " + options.scheduler);
+}
+
+std::string Machine::addNode(const std::string &disk, unsigned partition, kernel_dev_t *number)
+{
+    std::string name = partition == 0 ? disk : disk + std::to_string(partition);
+    std::string folder = "/sys/block/" + disk + (partition == 0 ? "" : "/" + name);
+    unsigned major = 0;
+    unsigned minor = 0;
+    if (std::sscanf(worker_->read(folder + "/dev").c_str(), "%u:%u", &major, &minor) != 2)
+        throw std::runtime_error("the guest has no " + name);
+    require(worker_->makeNode("/dev/" + name, S_IFBLK, major, minor), "mknod");
+    *number = major << 20 | minor;
+    return "/dev/" + name;
+}
+
+std::string Machine::folder(Volume volume) const
+{
+    return "/mnt/" + std::to_string(volume);
+}
+
+void Machine::mount(Volume volume, const std::string &node)
+{
+    require(worker_->makeFolder(folder(volume)), "mkdir");
+    require(worker_->mount(node, folder(volume), "ext3", "data=ordered"), "mounting " + node);
+}
+
+void Machine::end()
+{
+    for (Volume volume : {first, small, large})
+        require(worker_->unmount(folder(volume)), "unmounting");
+    worker_.reset();
+    if (!guest_->powerOff())
+        throw std::runtime_error("the guest did not end");
+    guest_.reset();
+    std::string reported = describe(faultReports(contentsOf(console)));
+    if (!reported.empty())
+        throw std::runtime_error(reported);
+}
+
+void Machine::load()
+{
+    require(worker_->loadModule(modulePath, moduleBytes_), "loading the module");
+}
+
+void Machine::unload()
+{
+    require(worker_->unloadModule("zelmod"), "unloading the module");
+}
+
+Measured Machine::measure(const std::vector<std::string> &arguments)
+{
+    std::vector<std::string> all = {program};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    Measured measured;
+    DiskCounts disk = diskCounts();
+    double work = guest_->processorTime();
+    ProgramResult result = runProgram(*guest_, all);
+    measured.work = guest_->processorTime() - work;
+    DiskCounts after = diskCounts();
+    measured.disk = {after.reads - disk.reads, after.readBytes - disk.readBytes,
+                     after.writes - disk.writes};
+    require(result.code, "the measuring program (" + result.errors + ")");
+    std::istringstream numbers(result.output);
+    double nanoseconds = 0;
+    numbers >> nanoseconds;
+    measured.seconds = nanoseconds / 1e9;
+    while (numbers >> nanoseconds)
+        measured.each.push_back(nanoseconds / 1e3);
+    if (measured.each.empty())
+        throw std::runtime_error("the measuring program has measured nothing");
+    return measured;
+}
+
+Measured Machine::transfers(const char *kind, const Area &area, std::uint32_t bytes,
+                            std::uint32_t requests, std::uint32_t processes, std::uint32_t seed)
+{
+    Measured measured =
+        measure({kind, area.node, std::to_string(area.start), std::to_string(area.bytes),
+                 std::to_string(bytes), std::to_string(requests), std::to_string(processes),
+                 std::to_string(seed)});
+    if (measured.each.size() != requests)
+        throw std::runtime_error("the measuring program has measured other requests");
+    return measured;
+}
+
+DiskCounts Machine::diskCounts()
+{
+    // Of reads and then of writes: how many, how many of them merged, sectors, milliseconds.
+    std::istringstream fields(worker_->read("/sys/block/vda/stat"));
+    double reads[4];
+    double writes = 0;
+    for (double &field : reads)
+        fields >> field;
+    if (!(fields >> writes))
+        throw std::runtime_error("the guest's disk has no statistics");
+    return {reads[0], reads[2] * 512, writes};
+}
+
+double Machine::logged(const std::string &text) const
+{
+    std::string log = contentsOf(console);
+    std::size_t at = log.rfind(text);
+    if (at == std::string::npos)
+        throw std::runtime_error("the kernel's log lacks '" + text + "'");
+    return std::strtod(log.c_str() + at + text.size(), nullptr);
+}
+
+std::string Machine::clockSource()
+{
+    std::string name =
+        worker_->read("/sys/devices/system/clocksource/clocksource0/current_clocksource");
+    return name.substr(0, name.find('\n'));
+}
+
+} // namespace vm

@@ -1,0 +1,153 @@
+/*
+ * Measures in a real kernel what the module costs and how fast it reads, side by side with the
+ * kernel alone and with the kernel's own snapshots. A goal that is missed is said and is no
+ * failure.
+ */
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <map>
+
+#include <getopt.h>
+
+#include "machine.h"
+#include "subjects.h"
+
+namespace
+{
+
+struct Options {
+    vm::MachineOptions machine;
+    std::string folder;
+    unsigned rounds = 15;
+};
+
+[[noreturn]] void usage()
+{
+    std::cerr << "usage: vm_bench --kernel FILE --module FILE --guest FILE --bench-guest FILE\n"
+                 "                --folder FOLDER [--rounds N] [--scheduler NAME]\n"
+                 "                [--processors 1|2]\n";
+    std::exit(2);
+}
+
+Options parse(int count, char **arguments)
+{
+    const option known[] = {{"kernel", required_argument, nullptr, 'k'},
+                            {"module", required_argument, nullptr, 'm'},
+                            {"guest", required_argument, nullptr, 'g'},
+                            {"bench-guest", required_argument, nullptr, 'b'},
+                            {"folder", required_argument, nullptr, 'f'},
+                            {"rounds", required_argument, nullptr, 'r'},
+                            {"scheduler", required_argument, nullptr, 's'},
+                            {"processors", required_argument, nullptr, 'p'},
+                            {}};
+    Options options;
+    options.machine.scheduler = "deadline";
+    std::map<int, std::string *> paths = {{'k', &options.machine.kernel},
+                                          {'m', &options.machine.module},
+                                          {'g', &options.machine.guest},
+                                          {'b', &options.machine.benchGuest},
+                                          {'f', &options.folder}};
+    int found = 0;
+    while ((found = getopt_long(count, arguments, "", known, nullptr)) != -1) {
+        if (found == 'r')
+            options.rounds = static_cast<unsigned>(std::atoi(optarg));
+        else if (found == 's')
+            options.machine.scheduler = optarg;
+        else if (found == 'p')
+            options.machine.processors = static_cast<unsigned>(std::atoi(optarg));
+        else if (paths.count(found) != 0)
+            *paths[found] = std::filesystem::absolute(optarg);
+        else
+            usage();
+    }
+    for (const auto &[letter, path] : paths)
+        if (path->empty())
+            usage();
+    if (optind != count || options.rounds == 0 || options.machine.processors == 0)
+        usage();
+    return options;
+}
+
+// Where the quartiles lie on both sides of a goal, the rounds differ too much to tell.
+const char *verdict(const vm::Goal &goal)
+{
+    if (goal.least == 0)
+        return "the noise";
+    bool met = vm::median(goal.byRate) >= goal.least;
+    bool sure = (vm::quantile(goal.byRate, met ? 0.25 : 0.75) >= goal.least) == met;
+    if (met)
+        return sure ? "met" : "met, within the noise";
+    return sure ? "MISSED" : "MISSED, within the noise";
+}
+
+// That the large file system is frozen for no longer than the small one, but for a tick of the
+// clock.
+const char *verdict(const vm::FreezeTimes &times)
+{
+    constexpr double tick = 1;
+    if (vm::median(times.large) <= vm::median(times.small) + tick)
+        return "met";
+    bool sure = vm::quantile(times.large, 0.25) > vm::quantile(times.small, 0.75);
+    return sure ? "MISSED" : "MISSED, within the noise";
+}
+
+void print(const vm::Goals &goals, const vm::FreezeTimes &freezes)
+{
+    std::printf("\nRatios in each round: medians (quartiles), and the goals\n");
+    std::printf("%-50s %-22s %-22s\n", "", "by rate", "by processor time");
+    for (const vm::Goal &goal : goals)
+        std::printf("%-50s %-22s %-22s %4s: %s\n", goal.what.c_str(),
+                    vm::withSpread(goal.byRate, 2).c_str(), vm::withSpread(goal.byWork, 2).c_str(),
+                    goal.least == 0 ? "" : vm::format("%.2f", goal.least).c_str(), verdict(goal));
+    std::printf("%-50s %-22s to %-25s %s\n", "time frozen, ms, 1 GiB to 64 GiB: no growth",
+                vm::withSpread(freezes.small, 1).c_str(), vm::withSpread(freezes.large, 1).c_str(),
+                verdict(freezes));
+}
+
+double loadAverage()
+{
+    double load = 0;
+    if (::getloadavg(&load, 1) != 1)
+        throw std::runtime_error("the load average is not known");
+    return load;
+}
+
+void measureAll(const Options &options)
+{
+    std::filesystem::create_directories(options.folder);
+    std::filesystem::current_path(options.folder);
+    vm::Machine machine(options.machine);
+    std::printf(
+        "Each of %u rounds measures all lines of a table; numbers are medians (quartiles).\n"
+        "Guest: processors %u, scheduler %s, a virtio disk in the host's memory. Latencies and "
+        "the\nhost's processor time are microseconds a request; reading the clock (%s) takes "
+        "%.1f.\nThe host's load average: %.1f.\n",
+        options.rounds, options.machine.processors, options.machine.scheduler.c_str(),
+        machine.clockSource().c_str(), vm::median(machine.measure({"clock", "1000"}).each),
+        loadAverage());
+    std::fflush(stdout);
+    vm::Goals goals = vm::measureWrites(machine, options.rounds);
+    for (vm::Goal &goal : vm::measureReads(machine, options.rounds))
+        goals.push_back(std::move(goal));
+    vm::FreezeTimes freezes = vm::measureFreezes(machine, options.rounds);
+    machine.end();
+    print(goals, freezes);
+    std::printf("The host's load average: %.1f.\n", loadAverage());
+}
+
+} // namespace
+
+int main(int count, char **arguments)
+{
+    Options options = parse(count, arguments);
+    try {
+        measureAll(options);
+        return 0;
+    } catch (const std::exception &failure) {
+        std::fflush(stdout);
+        std::cerr << "vm_bench: " << failure.what() << '\n';
+        return 1;
+    }
+}
