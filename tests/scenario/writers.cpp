@@ -1,53 +1,11 @@
 // Writers against a backup: storms, and bios of several blocks.
-#include <atomic>
-#include <random>
-
 #include "chain.h"
+#include "storm.h"
 
 namespace scenario
 {
 namespace
 {
-
-// Tasks that write here and there for as long as this lives.
-class Storm
-{
-public:
-    Storm(Environment &env, unsigned writers)
-    {
-        for (unsigned i = 0; i < writers; i++)
-            tasks_.push_back(env.start([this, &env, i] { blow(env, i); }));
-    }
-    ~Storm() { stop_ = true; }
-    Storm(const Storm &) = delete;
-    Storm &operator=(const Storm &) = delete;
-
-    unsigned writes() const { return writes_; }
-    void end()
-    {
-        stop_ = true;
-        for (auto &task : tasks_)
-            task->join();
-    }
-
-private:
-    void blow(Environment &env, unsigned seed)
-    {
-        std::mt19937 random(seed);
-        while (!stop_) {
-            auto first = static_cast<std::uint32_t>(random() % (env.places(0) - 8));
-            env.write(0, first, static_cast<std::uint32_t>(1 + random() % 8));
-            if (random() % 4 == 0)
-                env.sync(0);
-            writes_++;
-            env.pause(200);
-        }
-    }
-
-    std::atomic<bool> stop_{false};
-    std::atomic<unsigned> writes_{0};
-    std::vector<std::unique_ptr<Environment::Background>> tasks_; // waited for first
-};
 
 void stormWithCloseInTheMiddle(Environment &env)
 {
@@ -65,17 +23,13 @@ void stormWithCloseInTheMiddle(Environment &env)
         Image image(std::size_t{blocks} * env.blockSize(0));
         expectEqual(agent.readInto(image, half), 0, "the result of reading");
         expectFrozen(image, env, 0, half);
-        unsigned before = storm.writes();
         expectEqual(agent.close(), 0, "the result of close");
-        while (storm.writes() < before + 5) // they go on
-            env.pause(100);
+        storm.awaitWrites(5); // they go on
     }
     Chain chain(env, 0);
     chain.takeFull();
-    unsigned before = storm.writes();
     for (unsigned round = 0; round < 3; round++) {
-        while (storm.writes() < before + 10 * (round + 1))
-            env.pause(100);
+        storm.awaitWrites(10);
         chain.takeIncremental();
     }
     storm.end();
