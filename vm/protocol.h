@@ -42,8 +42,11 @@ enum class Request : uint32_t {
     execute,
 };
 
+// Where a slot's request is.
+enum class Place : uint32_t { nowhere, atDispatcher, atProcess };
+
 struct Slot {
-    uint32_t pending; // 1: a request has come
+    Place pending; // a request that nobody has begun with
     uint32_t request;
     uint32_t arguments[7];
     int32_t result;

@@ -124,12 +124,20 @@ void catchBadAccesses()
         fail("setting a signal handler");
 }
 
+// Whether a slot's request was at this place; if so it is at the next now.
+bool take(const Shared &shared, uint32_t slot, Place from, Place to)
+{
+    return __atomic_compare_exchange_n(&shared.table->slot[slot].pending, &from, to, false,
+                                       __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+}
+
 // Whether there was anything to do.
 bool dispatchOnce(const Shared &shared)
 {
     bool found = false;
     for (uint32_t slot = 0; slot < slots; slot++) {
-        if (__atomic_exchange_n(&shared.table->slot[slot].pending, 0, __ATOMIC_ACQ_REL) == 0)
+        Place next = slot == dispatcher ? Place::nowhere : Place::atProcess;
+        if (!take(shared, slot, Place::atDispatcher, next))
             continue;
         found = true;
         if (slot == dispatcher)
@@ -172,10 +180,13 @@ void serve(const Shared &shared, uint32_t slot)
 {
     for (;;) {
         char byte = 0;
-        if (read(shared.sleepers[slot], &byte, 1) == 1)
+        if (read(shared.sleepers[slot], &byte, 1) != 1) {
+            if (errno != EINTR)
+                fail("waiting for a request");
+        } else if (take(shared, slot, Place::atProcess, Place::nowhere)) {
+            // Or it was for a process that was killed before it looked.
             answer(shared, slot);
-        else if (errno != EINTR)
-            fail("waiting for a request");
+        }
     }
 }
 

@@ -172,7 +172,8 @@ void Guest::post(std::uint32_t number, Request what, const std::array<std::uint3
     Slot &slot = table().slot[number];
     slot.request = static_cast<std::uint32_t>(what);
     std::copy(arguments.begin(), arguments.end(), slot.arguments);
-    __atomic_store_n(&slot.pending, 1, __ATOMIC_RELEASE);
+    Place place = Place::atDispatcher;
+    __atomic_store(&slot.pending, &place, __ATOMIC_RELEASE);
 }
 
 std::int32_t Guest::request(std::uint32_t number, Request what,
@@ -205,6 +206,8 @@ std::uint32_t Guest::fork(std::uint32_t parent)
         if (number == slots)
             throw std::logic_error("too many processes");
         states_[number] = {.taken = true};
+        Place nowhere = Place::nowhere; // what a killed process has left
+        __atomic_store(&table().slot[number].pending, &nowhere, __ATOMIC_RELEASE);
     }
     std::int32_t result = request(parent, Request::fork, {number});
     if (result != 0)
