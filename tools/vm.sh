@@ -2,7 +2,8 @@
 # Boots a real kernel in an emulator and runs the scenarios on the module in it, and the contract's
 # checks if zelcontract.ko is beside the module; or measures what the module costs there.
 #
-#   tools/vm.sh <kernel> <module> [--disk ide|virtio]... [--timeout seconds] [name...]
+#   tools/vm.sh <kernel> <module> [--disk ide|virtio]... [--timeout seconds] [--cycles count]
+#               [name...]
 #   tools/vm.sh --bench <kernel> <module> [--rounds N] [--scheduler NAME] [--processors 1|2]
 #
 # A scenario is named by any part of its name, a check by "Contract." and the beginning of its name;

@@ -14,7 +14,10 @@ bool Disk::holds(std::uint64_t offset, std::size_t bytes) const
 
 int Disk::read(std::uint64_t offset, void *to, std::size_t bytes)
 {
-    std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
+    held_++;
+    released_.wait(lock, [this] { return !hold_; });
+    held_--;
     if (!holds(offset, bytes))
         return EINVAL;
     for (const Range &range : failing_)
@@ -48,6 +51,19 @@ void Disk::observe(Observer observer)
 {
     std::lock_guard lock(mutex_);
     observer_ = std::move(observer);
+}
+
+void Disk::holdReads(bool hold)
+{
+    std::lock_guard lock(mutex_);
+    hold_ = hold;
+    released_.notify_all();
+}
+
+bool Disk::holdsRead() const
+{
+    std::lock_guard lock(mutex_);
+    return held_ != 0;
 }
 
 void Disk::failReads(std::uint64_t offset, std::size_t bytes)

@@ -1,6 +1,7 @@
 /* The guest's disk, in memory: it knows each write at the instant when it takes effect. */
 #pragma once
 
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -33,6 +34,11 @@ public:
         std::function<void(std::uint64_t offset, std::size_t bytes, const Bytes &disk)>;
     void observe(Observer observer);
 
+    // Until released no read is answered, nor what is asked after it by the same peer.
+    void holdReads(bool hold);
+    // Whether a read waits for that.
+    bool holdsRead() const;
+
     void failReads(std::uint64_t offset, std::size_t bytes);
     void clearReadFailures();
 
@@ -47,6 +53,21 @@ private:
     Bytes bytes_;
     Observer observer_;
     std::vector<Range> failing_;
+    std::condition_variable released_;
+    bool hold_ = false;
+    unsigned held_ = 0; // reads
+};
+
+// Holds a disk's reads for as long as this lives.
+class HeldReads
+{
+public:
+    explicit HeldReads(Disk &disk) : disk_(disk) { disk_.holdReads(true); }
+    ~HeldReads() { disk_.holdReads(false); }
+    HeldReads(const HeldReads &) = delete;
+
+private:
+    Disk &disk_;
 };
 
 } // namespace vm

@@ -43,6 +43,7 @@ public:
     // Unmounts and ends the guest. Empty, or what was not as it must be.
     std::string end();
     Guest &guest() { return *guest_; }
+    Disk &disk() { return *disk_; }
     // The device's node and where it is mounted, in the guest.
     std::string node(unsigned index) const;
     std::string folder(unsigned index) const;

@@ -14,6 +14,10 @@ namespace
 constexpr const char *bellSocket = "bell.socket";
 constexpr unsigned endMilliseconds = 20000;
 
+// Each slab cache by itself, so that the kernel tells what is in it.
+const std::string commandLine =
+    "console=ttyS0 panic=1 oops=panic i8042.noaux=1 i8042.nokbd=1 no_timer_check slub_nomerge ";
+
 Guest *theGuest = nullptr;
 
 // The shared memory has two places here, the second that of the guest's other mappings.
@@ -63,8 +67,7 @@ std::vector<std::string> emulatorArguments(const GuestOptions &options, int memo
             "-initrd",
             options.initramfs,
             "-append",
-            "console=ttyS0 panic=1 oops=panic i8042.noaux=1 i8042.nokbd=1 no_timer_check " +
-                options.kernelOptions,
+            commandLine + options.kernelOptions,
             "-chardev",
             "file,id=console,path=" + options.console,
             "-serial",

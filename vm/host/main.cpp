@@ -16,6 +16,7 @@
 #include "initramfs.h"
 #include "kernelLog.h"
 #include "selfChecks.h"
+#include "soak.h"
 #include "zelsendScenarios.h"
 
 namespace
@@ -33,6 +34,7 @@ struct Options {
     std::vector<std::string> disks;
     std::vector<std::string> names; // of scenarios: those that contain one of them
     unsigned timeout = 300;         // seconds, for each scenario
+    unsigned cycles = 5;            // of the module's load and unload in one boot
 };
 
 struct Totals {
@@ -52,22 +54,20 @@ std::string contentsOf(const std::string &path)
 [[noreturn]] void usage()
 {
     std::cerr << "usage: vm_scenarios --kernel FILE --module FILE --guest FILE --zelsend FILE\n"
-                 "                    --zel FILE --folder FOLDER [--disk ide|virtio]... [--timeout "
-                 "SECONDS] [NAME...]\n";
+                 "                    --zel FILE --folder FOLDER [--disk ide|virtio]...\n"
+                 "                    [--timeout SECONDS] [--cycles COUNT] [NAME...]\n";
     std::exit(2);
 }
 
 Options parse(int count, char **arguments)
 {
-    const option known[] = {{"kernel", required_argument, nullptr, 'k'},
-                            {"module", required_argument, nullptr, 'm'},
-                            {"guest", required_argument, nullptr, 'g'},
-                            {"zelsend", required_argument, nullptr, 's'},
-                            {"zel", required_argument, nullptr, 'z'},
-                            {"folder", required_argument, nullptr, 'f'},
-                            {"disk", required_argument, nullptr, 'd'},
-                            {"timeout", required_argument, nullptr, 't'},
-                            {}};
+    const option known[] = {
+        {"kernel", required_argument, nullptr, 'k'}, {"module", required_argument, nullptr, 'm'},
+        {"guest", required_argument, nullptr, 'g'},  {"zelsend", required_argument, nullptr, 's'},
+        {"zel", required_argument, nullptr, 'z'},    {"folder", required_argument, nullptr, 'f'},
+        {"disk", required_argument, nullptr, 'd'},   {"timeout", required_argument, nullptr, 't'},
+        {"cycles", required_argument, nullptr, 'c'}, {},
+    };
     Options options;
     std::map<int, std::string *> texts = {{'k', &options.kernel}, {'m', &options.module},
                                           {'g', &options.guest},  {'s', &options.zelsend},
@@ -78,6 +78,8 @@ Options parse(int count, char **arguments)
             options.disks.push_back(optarg);
         else if (found == 't')
             options.timeout = static_cast<unsigned>(std::atoi(optarg));
+        else if (found == 'c')
+            options.cycles = static_cast<unsigned>(std::atoi(optarg));
         else if (texts.count(found) != 0)
             *texts[found] = std::filesystem::absolute(optarg);
         else
@@ -119,11 +121,13 @@ void expectLoad(int result, const char *what)
 
 vm::GuestScenario withModule(const Scenario &scenario)
 {
-    return {scenario.name, scenario.layout, [run = scenario.run](vm::Environment &environment) {
+    return {scenario.name, scenario.layout,
+            [run = scenario.run](vm::Environment &environment) {
                 expectLoad(environment.load(), "loading");
                 run(environment);
                 expectLoad(environment.unload(), "unloading");
-            }};
+            },
+            std::chrono::seconds(0)};
 }
 
 // Empty, or why it failed.
@@ -180,6 +184,7 @@ public:
     {
         std::string name = scenario.name + " on " + disk;
         setting_.diskKind = disk;
+        setting_.timeout = std::chrono::seconds(options_.timeout) + scenario.longer;
         auto begin = std::chrono::steady_clock::now();
         std::string problem = runInGuest(setting_, scenario);
         std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
@@ -260,6 +265,8 @@ int runAll(const Options &options)
             for (const std::string &disk : options.disks)
                 run.runContract(checks, disk);
     }
+    for (const vm::GuestScenario &scenario : vm::soakScenarios(options.cycles))
+        all.push_back(scenario);
     for (const vm::GuestScenario &scenario : all)
         if (chosen(options, scenario.name))
             for (const std::string &disk : options.disks)

@@ -3,8 +3,9 @@
  * the part of it that is shared with this program, so that an address means the same on both
  * sides, and its system calls are made there. Only what scenarios use is here.
  */
-#include <host/process.h>
+#include "remoteProcess.h"
 
+#include <csignal>
 #include <cstring>
 #include <map>
 #include <set>
@@ -71,6 +72,10 @@ struct Process::Impl {
             guest = std::make_unique<vm::GuestProcess>(vm::Guest::current());
         return *guest;
     }
+};
+
+struct ProcessAccess {
+    static vm::GuestProcess &guest(Process &process) { return process.impl_->process(); }
 };
 
 Process::Process(std::string name) : impl_(std::make_unique<Impl>())
@@ -171,3 +176,13 @@ bool Process::touch(std::uint32_t address, std::size_t bytes)
 }
 
 } // namespace host
+
+namespace vm
+{
+
+void kill(host::Process &process)
+{
+    host::ProcessAccess::guest(process).signal(SIGKILL);
+}
+
+} // namespace vm

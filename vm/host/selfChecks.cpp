@@ -10,6 +10,7 @@
 
 #include "guestProgram.h"
 #include "kernelLog.h"
+#include "kernelUse.h"
 
 namespace vm
 {
@@ -194,6 +195,33 @@ void noticesHowProgramsEnd(Environment &env)
     expectEqual(runProgram(env.guest(), {"/init", "exit", "0"}).code, 0, "the next exit code");
 }
 
+// What is in use shows in the figures, and what was given back does not.
+void countsWhatIsInUse(Environment &env)
+{
+    constexpr long count = 200; // of which a processor's allocator may hold some dozens as used
+    Worker worker(env.guest());
+    auto objects = [](const KernelUse &use, const char *cache) {
+        return use.at(std::string("objects of ") + cache);
+    };
+    KernelUse before = lastingUse(worker);
+    std::vector<int> files;
+    for (long i = 0; i < count; i++)
+        files.push_back(worker.open("/proc/self/maps", O_RDONLY));
+    auto other = std::make_unique<Worker>(env.guest());
+    KernelUse during = lastingUse(worker);
+    expect(objects(during, "filp") >= objects(before, "filp") + count, "open files to count");
+    expect(objects(during, "mm_struct") > objects(before, "mm_struct"), "a process's memory");
+    expectEqual(during.at("threads"), before.at("threads") + 1, "the threads with one more");
+    for (int file : files)
+        worker.close(file);
+    other.reset();
+    KernelUse after = lastingUse(worker);
+    expect(objects(after, "filp") < objects(during, "filp"), "closed files not to count");
+    expectEqual(after.at("threads"), before.at("threads"), "the threads");
+    expect(leftOfModule(worker, slabCaches(worker)).empty(), "nothing of a module that never was");
+    expect(!leftOfModule(worker, {}).empty(), "a slab cache more than before to be told");
+}
+
 void findsFaultReports(Environment &)
 {
     const std::string circle = "[ INFO: possible circular locking dependency detected ]\n";
@@ -239,6 +267,7 @@ std::vector<GuestScenario> selfChecks()
         {"EnvironmentNoticesDeaths", {}, noticesDeaths},
         {"EnvironmentRunsPrograms", {}, runsPrograms},
         {"EnvironmentNoticesHowProgramsEnd", {}, noticesHowProgramsEnd},
+        {"EnvironmentCountsWhatIsInUse", {}, countsWhatIsInUse},
         {"EnvironmentFindsFaultReports", {}, findsFaultReports},
     };
 }

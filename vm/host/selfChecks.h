@@ -11,6 +11,7 @@ struct GuestScenario {
     std::string name;
     scenario::Layout layout;
     std::function<void(Environment &)> run; // throws scenario::Failure
+    std::chrono::seconds longer{0};         // than the time that any scenario has
 };
 
 std::vector<GuestScenario> selfChecks();

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -44,10 +45,31 @@ std::string Worker::read(const std::string &path)
     int file = open(path, O_RDONLY);
     if (file < 0)
         return "";
-    int count = process_.systemCall(SYS_read, file, data(), textBytes);
-    close(file);
     const auto *bytes = reinterpret_cast<const char *>(pointer(data()));
-    return count > 0 ? std::string(bytes, bytes + count) : "";
+    std::string contents;
+    int count = 0;
+    while ((count = process_.systemCall(SYS_read, file, data(), readBytes)) > 0)
+        contents.append(bytes, bytes + count);
+    close(file);
+    return contents;
+}
+
+std::vector<std::string> Worker::list(const std::string &path)
+{
+    std::vector<std::string> names;
+    int folder = open(path, O_RDONLY | O_DIRECTORY);
+    if (folder < 0)
+        return names;
+    int count = 0;
+    while ((count = process_.systemCall(SYS_getdents64, folder, data(), readBytes)) > 0)
+        for (int at = 0; at < count;) {
+            const auto *entry = reinterpret_cast<const dirent64 *>(
+                pointer(data() + static_cast<std::uint32_t>(at)));
+            names.emplace_back(entry->d_name);
+            at += entry->d_reclen;
+        }
+    close(folder);
+    return names;
 }
 
 int Worker::write(const std::string &path, const std::string &value)
@@ -141,7 +163,7 @@ int Worker::loadModule(const std::string &path, std::uint32_t bytes)
     int result = process_.systemCall(SYS_mmap2, moduleAddress, bytes, PROT_READ,
                                      MAP_PRIVATE | MAP_FIXED, file, 0);
     if (result == static_cast<int>(moduleAddress)) {
-        result = process_.systemCall(SYS_init_module, moduleAddress, bytes, text(0, ""));
+        result = loadImage(moduleAddress, bytes);
         process_.systemCall(SYS_munmap, moduleAddress, bytes);
     }
     close(file);

@@ -19,8 +19,10 @@ public:
 
     int open(const std::string &path, int flags);
     int close(int file) { return process_.systemCall(SYS_close, file); }
-    // The first bytes of a file; empty if there are none or no such file.
+    // What a file holds; empty if there is none.
     std::string read(const std::string &path);
+    // The names in a folder; none if there is no such folder.
+    std::vector<std::string> list(const std::string &path);
     int write(const std::string &path, const std::string &text);
     int makeFolder(const std::string &path);
     int makeNode(const std::string &path, unsigned kind, unsigned major, unsigned minor);
@@ -39,8 +41,14 @@ public:
         return process_.systemCall(SYS_ioctl, file, command, 0);
     }
     int sync(int file) { return process_.systemCall(SYS_fsync, file); }
+    int syncAll() { return process_.systemCall(SYS_sync); }
 
     int loadModule(const std::string &path, std::uint32_t bytes);
+    // The same of what is at an address of the process.
+    int loadImage(std::uint32_t address, std::uint32_t bytes)
+    {
+        return process_.systemCall(SYS_init_module, address, bytes, text(0, ""));
+    }
     int unloadModule(const std::string &name);
 
 private:
@@ -51,6 +59,7 @@ private:
 
     static constexpr std::uint32_t textBytes = 4096;
     static constexpr std::uint32_t texts = 16;
+    static constexpr std::uint32_t readBytes = 64 * 1024;
 
     GuestProcess process_;
     std::uint32_t ownMemory_ = 0;

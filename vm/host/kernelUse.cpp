@@ -1,0 +1,206 @@
+#include "kernelUse.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <chrono>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace vm
+{
+namespace
+{
+
+constexpr const char *moduleName = "zelmod";
+constexpr const char *threadName = "(kbackupd)"; // as in a process's stat
+constexpr const char *slabFile = "/proc/slabinfo";
+
+std::vector<std::string> linesOf(const std::string &text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+struct SlabCache {
+    std::string name;
+    long objects = 0;
+    bool tunable = false; // by writing to that file
+};
+
+std::vector<SlabCache> readSlabCaches(Worker &worker)
+{
+    const std::string noTunables = ": tunables    0    0    0 ";
+    std::vector<SlabCache> caches;
+    for (const std::string &line : linesOf(worker.read(slabFile))) {
+        std::istringstream in(line);
+        SlabCache cache;
+        std::size_t at = line.find(": tunables");
+        if (line[0] == '#' || at == std::string::npos || !(in >> cache.name >> cache.objects))
+            continue;
+        cache.tunable = line.compare(at, noTunables.size(), noTunables) != 0;
+        caches.push_back(cache);
+    }
+    if (caches.empty())
+        throw std::runtime_error(std::string("the guest shows nothing in ") + slabFile);
+    return caches;
+}
+
+// Free objects that an allocator keeps for each processor count as used. SLAB keeps no more than
+// one when it is tuned so, SLUB gives them back when it is told to shrink a cache.
+void returnFreeObjects(Worker &worker)
+{
+    for (const SlabCache &cache : readSlabCaches(worker)) {
+        int result = cache.tunable
+                         ? worker.write(slabFile, cache.name + " 1 1 0")
+                         : worker.write("/sys/kernel/slab/" + cache.name + "/shrink", "1");
+        if (result != 0)
+            throw std::runtime_error("the guest does not shrink the slab cache " + cache.name +
+                                     ": " + std::to_string(result));
+    }
+}
+
+// The kernel forgets the ranges of vmalloc that were given back only when they add up to some
+// megabytes, and has an object for each until then. For a module that it then cannot read it
+// allocates the size that is told.
+void forgetVmallocRanges(Worker &worker)
+{
+    constexpr std::uint32_t badAddress = 0x10;
+    constexpr std::uint32_t bytes = 33 * mebibyte; // it keeps up to 64 with two processors
+    for (unsigned i = 0; i < 3; i++)
+        if (worker.loadImage(badAddress, bytes) != -EFAULT)
+            throw std::runtime_error("the guest does not refuse a module that is not there");
+}
+
+// The number after a label at the beginning of a line.
+long numberAfter(const std::string &text, const std::string &label)
+{
+    for (const std::string &line : linesOf(text))
+        if (line.rfind(label, 0) == 0)
+            return std::stol(line.substr(label.size()));
+    throw std::runtime_error("the guest does not tell " + label);
+}
+
+// Free pages that wait at a processor.
+long pagesAtProcessors(const std::string &zones)
+{
+    long pages = 0;
+    for (const std::string &line : linesOf(zones)) {
+        std::istringstream in(line);
+        std::string label;
+        long count = 0;
+        if (in >> label >> count && label == "count:")
+            pages += count;
+    }
+    return pages;
+}
+
+// Pages that are neither free nor in a use that has a figure of its own: what a module has from
+// alloc_pages and vmalloc is among them.
+long pagesOfNoOther(Worker &worker)
+{
+    constexpr long pageKibibytes = 4;
+    std::string memory = worker.read("/proc/meminfo");
+    long kibibytes = numberAfter(memory, "MemTotal:");
+    for (const char *label : {"MemFree:", "Buffers:", "Cached:", "SwapCached:", "AnonPages:",
+                              "Slab:", "PageTables:", "Bounce:"})
+        kibibytes -= numberAfter(memory, label);
+    return kibibytes / pageKibibytes - pagesAtProcessors(worker.read("/proc/zoneinfo"));
+}
+
+long threads(Worker &worker)
+{
+    std::string load = worker.read("/proc/loadavg");
+    return std::stol(load.substr(load.find('/') + 1));
+}
+
+KernelUse useNow(Worker &worker)
+{
+    KernelUse use;
+    for (const SlabCache &cache : readSlabCaches(worker))
+        use["objects of " + cache.name] = cache.objects;
+    use["pages"] = pagesOfNoOther(worker);
+    use["KiB of vmalloc"] = numberAfter(worker.read("/proc/meminfo"), "VmallocUsed:");
+    use["threads"] = threads(worker);
+    return use;
+}
+
+bool threadRuns(Worker &worker)
+{
+    for (const std::string &name : worker.list("/proc"))
+        if (std::isdigit(static_cast<unsigned char>(name[0])) != 0 &&
+            worker.read("/proc/" + name + "/stat").find(threadName) != std::string::npos)
+            return true;
+    return false;
+}
+
+bool threadStays(Worker &worker)
+{
+    constexpr unsigned attempts = 50;
+    for (unsigned i = 0; i < attempts; i++) {
+        if (!threadRuns(worker))
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return true;
+}
+
+bool names(const std::string &list, const std::string &name)
+{
+    std::vector<std::string> lines = linesOf(list);
+    return std::any_of(lines.begin(), lines.end(), [&](const std::string &line) {
+        return (" " + line + " ").find(" " + name + " ") != std::string::npos;
+    });
+}
+
+} // namespace
+
+std::set<std::string> slabCaches(Worker &worker)
+{
+    std::set<std::string> names;
+    for (const SlabCache &cache : readSlabCaches(worker))
+        names.insert(cache.name);
+    return names;
+}
+
+std::string leftOfModule(Worker &worker, const std::set<std::string> &caches)
+{
+    if (threadStays(worker))
+        return "its thread";
+    if (names(worker.read("/proc/modules"), moduleName))
+        return "the module itself";
+    if (names(worker.read("/proc/devices"), moduleName))
+        return "its control device";
+    for (const std::string &name : slabCaches(worker))
+        if (caches.count(name) == 0)
+            return "the slab cache " + name;
+    return "";
+}
+
+KernelUse lastingUse(Worker &worker)
+{
+    // Some is given back with a delay: by RCU, by threads that are not needed any more. What lasts
+    // is the least that was seen.
+    constexpr unsigned looks = 5;
+    KernelUse least;
+    for (unsigned i = 0; i < looks; i++) {
+        worker.syncAll();
+        if (worker.write("/proc/sys/vm/drop_caches", "3") != 0)
+            throw std::runtime_error("the guest does not drop its caches");
+        forgetVmallocRanges(worker);
+        returnFreeObjects(worker);
+        for (const auto &[name, count] : useNow(worker)) {
+            auto known = least.emplace(name, count).first;
+            known->second = std::min(known->second, count);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    }
+    return least;
+}
+
+} // namespace vm
