@@ -109,6 +109,7 @@ struct Scenario {
     Layout layout;
     // With the module loaded, and unloaded when it returns. Throws Failure.
     std::function<void(Environment &)> run;
+    std::string failing = {}; // the kind of calls that it makes fail, if any
 };
 
 // One list for each subject.

@@ -81,7 +81,14 @@ Machine::Machine(const MachineOptions &options)
     disks_.push_back(wholeDisk(gibi));
     disks_.push_back(wholeDisk(64 * gibi));
 
-    GuestOptions guest{options.kernel, initramfs, "", "virtio", console, emulatorLog, timeout};
+    GuestOptions guest;
+    guest.kernel = options.kernel;
+    guest.initramfs = initramfs;
+    guest.diskKind = "virtio";
+    guest.debuggerSocket = "debugger.socket"; // nobody calls
+    guest.console = console;
+    guest.emulatorLog = emulatorLog;
+    guest.timeout = timeout;
     for (const MemoryDisk &disk : disks_)
         guest.drives.push_back(disk.drive());
     guest.kernelOptions = "ramdisk_size=" + std::to_string(storeBytes / 1024) +

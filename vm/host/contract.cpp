@@ -129,7 +129,9 @@ public:
         require(worker_.open(environment_.node(unmounted), O_RDWR) >= 0, "opening a partition");
         require(worker_.makeNode(controlNode, S_IFCHR, CONTRACT_MAJOR, 0) == 0, "mknod");
         require(worker_.makeNode(freeNode, S_IFCHR, CONTRACT_FREE_MAJOR, 0) == 0, "mknod");
-        require(worker_.loadModule(setting.module, setting.moduleBytes) == 0, "loading the checks");
+        require(worker_.loadModule(setting.modulePath,
+                                   static_cast<std::uint32_t>(setting.module.size())) == 0,
+                "loading the checks");
         caller_.emplace(environment_);
     }
 

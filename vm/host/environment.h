@@ -12,6 +12,7 @@
 #include "device.h"
 #include "disk.h"
 #include "diskImage.h"
+#include "failures.h"
 #include "guest.h"
 #include "scenario/scenario.h"
 #include "worker.h"
@@ -23,9 +24,9 @@ namespace vm
 struct Setting {
     std::string kernel;
     std::string initramfs;
-    std::string module; // its path in the guest
-    std::uint32_t moduleBytes = 0;
-    std::string diskKind; // as GuestOptions has it
+    std::string modulePath; // in the guest
+    std::string module;     // what is there
+    std::string diskKind;   // as GuestOptions has it
     std::string console;
     std::string emulatorLog;
     std::chrono::seconds timeout{300};
@@ -132,7 +133,8 @@ private:
     std::set<unsigned> givenUp_;
     std::unique_ptr<BlockServer> server_;
     std::unique_ptr<Guest> guest_;
-    std::mutex mutex_; // guards writers_
+    std::unique_ptr<Failures> failures_; // from the first that is asked for
+    std::mutex mutex_;                   // guards writers_
     std::map<std::thread::id, std::unique_ptr<Writer>> writers_;
 };
 

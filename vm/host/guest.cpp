@@ -76,6 +76,10 @@ std::vector<std::string> emulatorArguments(const GuestOptions &options, int memo
             std::string("socket,id=bell,path=") + bellSocket,
             "-device",
             "isa-debugcon,chardev=bell,iobase=" + std::to_string(bellPort),
+            "-chardev",
+            "socket,id=debugger,server=on,wait=off,path=" + options.debuggerSocket,
+            "-gdb",
+            "chardev:debugger",
             "-object",
             "memory-backend-file,id=shared,share=on,size=" + size + ",mem-path=/proc/self/fd/" +
                 std::to_string(memory),

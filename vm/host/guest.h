@@ -31,7 +31,8 @@ struct GuestOptions {
     std::string initramfs;
     std::string diskSocket; // of its one disk
     std::string diskKind;   // "ide" or "virtio"
-    std::string console;    // the file for what the kernel prints
+    std::string debuggerSocket;
+    std::string console; // the file for what the kernel prints
     std::string emulatorLog;
     std::chrono::seconds timeout; // for all that is done with it
     // In place of that disk, if there are any: disks as the emulator's option -drive has them.
