@@ -16,7 +16,7 @@ int Disk::read(std::uint64_t offset, void *to, std::size_t bytes)
 {
     std::unique_lock lock(mutex_);
     held_++;
-    released_.wait(lock, [this] { return !hold_; });
+    released_.wait(lock, [this] { return hold_ == Hold::nothing; });
     held_--;
     if (!holds(offset, bytes))
         return EINVAL;
@@ -29,7 +29,8 @@ int Disk::read(std::uint64_t offset, void *to, std::size_t bytes)
 
 int Disk::write(std::uint64_t offset, const void *from, std::size_t bytes)
 {
-    std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
+    released_.wait(lock, [this] { return hold_ != Hold::all; });
     if (!holds(offset, bytes))
         return EINVAL;
     std::memcpy(&bytes_[static_cast<std::size_t>(offset)], from, bytes);
@@ -53,10 +54,10 @@ void Disk::observe(Observer observer)
     observer_ = std::move(observer);
 }
 
-void Disk::holdReads(bool hold)
+void Disk::hold(Hold what)
 {
     std::lock_guard lock(mutex_);
-    hold_ = hold;
+    hold_ = what;
     released_.notify_all();
 }
 

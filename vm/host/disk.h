@@ -34,8 +34,9 @@ public:
         std::function<void(std::uint64_t offset, std::size_t bytes, const Bytes &disk)>;
     void observe(Observer observer);
 
-    // Until released no read is answered, nor what is asked after it by the same peer.
-    void holdReads(bool hold);
+    // What is not answered for the time being, nor what the same peer asks after it.
+    enum class Hold { nothing, reads, all };
+    void hold(Hold what);
     // Whether a read waits for that.
     bool holdsRead() const;
 
@@ -54,17 +55,17 @@ private:
     Observer observer_;
     std::vector<Range> failing_;
     std::condition_variable released_;
-    bool hold_ = false;
+    Hold hold_ = Hold::nothing;
     unsigned held_ = 0; // reads
 };
 
-// Holds a disk's reads for as long as this lives.
-class HeldReads
+// Holds what is asked of a disk for as long as this lives.
+class HeldDisk
 {
 public:
-    explicit HeldReads(Disk &disk) : disk_(disk) { disk_.holdReads(true); }
-    ~HeldReads() { disk_.holdReads(false); }
-    HeldReads(const HeldReads &) = delete;
+    HeldDisk(Disk &disk, Disk::Hold what) : disk_(disk) { disk_.hold(what); }
+    ~HeldDisk() { disk_.hold(Disk::Hold::nothing); }
+    HeldDisk(const HeldDisk &) = delete;
 
 private:
     Disk &disk_;

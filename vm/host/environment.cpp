@@ -17,6 +17,7 @@ constexpr const char *diskSocket = "disk.socket";
 constexpr const char *debuggerSocket = "debugger.socket";
 constexpr const char *moduleName = "zelmod";
 constexpr unsigned controlMajor = 120;
+constexpr const char *longestRequest = "max_sectors_kb";
 
 std::string numbered(const char *name, unsigned partition)
 {
@@ -285,7 +286,7 @@ std::string Environment::lostWrites(unsigned index)
 // are made one by the kernel: keep them apart, as far as it goes (a page).
 void Environment::failReads(unsigned index, std::uint32_t first, std::uint32_t count)
 {
-    limitRequests(4);
+    setQueue(longestRequest, 4);
     for (std::uint32_t place = first; place < first + count; place++)
         disk_->failReads(offsetOf(index, place), blockSize(index));
 }
@@ -293,13 +294,13 @@ void Environment::failReads(unsigned index, std::uint32_t first, std::uint32_t c
 void Environment::clearReadFailures()
 {
     disk_->clearReadFailures();
-    limitRequests(128);
+    setQueue(longestRequest, 128);
 }
 
-void Environment::limitRequests(unsigned kibibytes)
+void Environment::setQueue(const std::string &property, unsigned value)
 {
-    require(writer().worker.write(diskFolder_ + "/queue/max_sectors_kb", std::to_string(kibibytes)),
-            "max_sectors_kb");
+    require(writer().worker.write(diskFolder_ + "/queue/" + property, std::to_string(value)),
+            property);
 }
 
 void Environment::failNth(const std::string &kind, unsigned n)

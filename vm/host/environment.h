@@ -55,6 +55,8 @@ public:
     test::Bitmap written(unsigned index) const { return devices_.at(index)->written(); }
     // What the kernel has printed so far.
     std::string kernelLog() const;
+    // Sets a property of the disk's queue, as the guest's /sys names it.
+    void setQueue(const std::string &property, unsigned value);
     // Puts bytes at a place of the disk, behind the guest's back.
     void spoil(unsigned index, std::uint32_t place, const scenario::Image &bytes);
 
@@ -122,9 +124,6 @@ private:
     std::uint64_t offsetOf(unsigned index, std::uint32_t place) const; // on the disk
     void findDevices(Worker &worker);
     void mountAll(Worker &worker);
-
-    // The longest request that the guest makes of its disk.
-    void limitRequests(unsigned kibibytes);
 
     const Setting setting_;
     std::string diskFolder_; // in the guest's /sys
