@@ -162,8 +162,7 @@ void dispatch(const Shared &shared)
 {
     // Requests come one after the other: look often while they do.
     constexpr unsigned patience = 100;
-    constexpr unsigned often = 50; // microseconds
-    constexpr unsigned seldom = 1000;
+    constexpr unsigned seldom = 1000; // microseconds
     catchBadAccesses();
     int sysrq = open("/proc/sysrq-trigger", O_WRONLY);
     ring(ready);
@@ -172,7 +171,10 @@ void dispatch(const Shared &shared)
             idle = 0;
         follow(static_cast<Order>(__atomic_exchange_n(&shared.table->order, 0, __ATOMIC_ACQ_REL)),
                sysrq);
-        usleep(idle < patience ? often : seldom);
+        if (idle < patience)
+            sched_yield();
+        else
+            usleep(seldom);
     }
 }
 
