@@ -17,6 +17,8 @@ const std::regex
           "Kernel panic|soft lockup|stack overflow|Unable to handle",
           std::regex::optimize);
 
+const std::regex fullTable("BUG: MAX_[A-Z_]+ too low!", std::regex::optimize);
+
 bool has(const std::string &line, const char *text)
 {
     return line.find(text) != std::string::npos;
@@ -60,6 +62,8 @@ FaultReports faultReports(const std::string &log)
             continue;
         if (isOfAnyFreeze(lines, i))
             found.ofAnyFreeze++;
+        else if (std::regex_search(lines[i], fullTable))
+            found.ofFullTables++;
         else
             found.lines.push_back(lines[i]);
     }

@@ -13,6 +13,10 @@ struct FaultReports {
     // How many reports were left out since a 2.6.30 kernel makes them of any freeze of ext3: it
     // keeps the journal's barrier from one system call to another. Its lock checking is off then.
     unsigned ofAnyFreeze = 0;
+    // How many say that the tables of the lock checking are full. Each load of a module brings its
+    // locks anew, and such a kernel never takes the old ones' entries back: it has room for about a
+    // hundred loads of this module, and then checks no more.
+    unsigned ofFullTables = 0;
 };
 
 FaultReports faultReports(const std::string &log);

@@ -155,6 +155,8 @@ std::string runInGuest(const vm::Setting &setting, const vm::GuestScenario &scen
     vm::FaultReports reports = vm::faultReports(contentsOf(setting.console));
     if (reports.ofAnyFreeze != 0)
         std::printf("note: the kernel's lock checking ended at its own report of a freeze\n");
+    if (reports.ofFullTables != 0)
+        std::printf("note: the kernel's lock checking ended with its tables full\n");
     std::string reported = vm::describe(reports);
     return problem.empty() || reported.empty() ? problem + reported : problem + "\n    " + reported;
 }
