@@ -233,13 +233,12 @@ void registration(Environment &env)
 
 std::vector<Scenario> failureScenarios()
 {
-    std::vector<Scenario> all = {{"FailedRegistration", {}, registration, "registerDevice"}};
+    std::vector<Scenario> all = {{"FailedRegistration", {}, registration}};
     for (const Kind &kind : kinds)
         for (bool tracked : {false, true})
             all.push_back({"EachFailureOf_" + kind.name + (tracked ? "_incremental" : "_full"),
                            {1, {4096, 4096}, true},
-                           [&kind, tracked](Environment &env) { everyNth(env, kind, tracked); },
-                           kind.name});
+                           [&kind, tracked](Environment &env) { everyNth(env, kind, tracked); }});
     return all;
 }
 

@@ -87,8 +87,7 @@ public:
     // Reads of these places fail until cleared.
     virtual void failReads(unsigned index, std::uint32_t first, std::uint32_t count) = 0;
     virtual void clearReadFailures() = 0;
-    // The n-th call of this kind by the module fails (a "write": by anybody). An environment
-    // without such failures leaves the scenarios of them out.
+    // The n-th call of this kind by the module fails (a "write": by anybody).
     virtual void failNth(const std::string &kind, unsigned n) = 0;
     // How many calls were made to fail, and no more will.
     virtual unsigned clearFailures() = 0;
@@ -109,7 +108,6 @@ struct Scenario {
     Layout layout;
     // With the module loaded, and unloaded when it returns. Throws Failure.
     std::function<void(Environment &)> run;
-    std::string failing = {}; // the kind of calls that it makes fail, if any
 };
 
 // One list for each subject.

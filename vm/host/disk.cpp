@@ -1,5 +1,6 @@
 #include "disk.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -12,6 +13,13 @@ bool Disk::holds(std::uint64_t offset, std::size_t bytes) const
     return offset <= bytes_.size() && bytes <= bytes_.size() - offset;
 }
 
+bool Disk::fails(const std::vector<Range> &failing, std::uint64_t offset, std::size_t bytes)
+{
+    return std::any_of(failing.begin(), failing.end(), [&](const Range &range) {
+        return offset < range.offset + range.bytes && range.offset < offset + bytes;
+    });
+}
+
 int Disk::read(std::uint64_t offset, void *to, std::size_t bytes)
 {
     std::unique_lock lock(mutex_);
@@ -20,9 +28,8 @@ int Disk::read(std::uint64_t offset, void *to, std::size_t bytes)
     held_--;
     if (!holds(offset, bytes))
         return EINVAL;
-    for (const Range &range : failing_)
-        if (offset < range.offset + range.bytes && range.offset < offset + bytes)
-            return EIO;
+    if (fails(failingReads_, offset, bytes))
+        return EIO;
     std::memcpy(to, &bytes_[static_cast<std::size_t>(offset)], bytes);
     return 0;
 }
@@ -33,6 +40,8 @@ int Disk::write(std::uint64_t offset, const void *from, std::size_t bytes)
     released_.wait(lock, [this] { return hold_ != Hold::all; });
     if (!holds(offset, bytes))
         return EINVAL;
+    if (fails(failingWrites_, offset, bytes))
+        return EIO;
     std::memcpy(&bytes_[static_cast<std::size_t>(offset)], from, bytes);
     if (observer_)
         observer_(offset, bytes, bytes_);
@@ -70,13 +79,25 @@ bool Disk::holdsRead() const
 void Disk::failReads(std::uint64_t offset, std::size_t bytes)
 {
     std::lock_guard lock(mutex_);
-    failing_.push_back({offset, bytes});
+    failingReads_.push_back({offset, bytes});
 }
 
 void Disk::clearReadFailures()
 {
     std::lock_guard lock(mutex_);
-    failing_.clear();
+    failingReads_.clear();
+}
+
+void Disk::failWrites(std::uint64_t offset, std::size_t bytes)
+{
+    std::lock_guard lock(mutex_);
+    failingWrites_.push_back({offset, bytes});
+}
+
+void Disk::clearWriteFailures()
+{
+    std::lock_guard lock(mutex_);
+    failingWrites_.clear();
 }
 
 } // namespace vm

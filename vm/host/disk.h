@@ -42,18 +42,23 @@ public:
 
     void failReads(std::uint64_t offset, std::size_t bytes);
     void clearReadFailures();
+    // A write that fails changes nothing.
+    void failWrites(std::uint64_t offset, std::size_t bytes);
+    void clearWriteFailures();
 
 private:
     struct Range {
         std::uint64_t offset;
         std::size_t bytes;
     };
+    static bool fails(const std::vector<Range> &failing, std::uint64_t offset, std::size_t bytes);
     bool holds(std::uint64_t offset, std::size_t bytes) const;
 
     mutable std::mutex mutex_; // guards everything
     Bytes bytes_;
     Observer observer_;
-    std::vector<Range> failing_;
+    std::vector<Range> failingReads_;
+    std::vector<Range> failingWrites_;
     std::condition_variable released_;
     Hold hold_ = Hold::nothing;
     unsigned held_ = 0; // reads

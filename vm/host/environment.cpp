@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -271,7 +272,15 @@ int Environment::writeThrough(unsigned index, std::uint32_t first, std::uint32_t
     int file = own.open(node(index), O_RDWR | O_DIRECT);
     std::vector<unsigned char> bytes = device.beginWrite(first, count);
     std::uint64_t offset = std::uint64_t{device.blockAt(first)} * device.volume().blockSize;
+    // The disk's blocks fail, and not just one transfer: a driver tries again, and in other pieces.
+    bool fails = writesToFailure_ != 0 && --writesToFailure_ == 0;
+    if (fails)
+        disk_->failWrites(offsetOf(index, first), bytes.size());
     int result = own.worker.writeAt(file, offset, bytes, true);
+    if (fails) {
+        disk_->clearWriteFailures();
+        failedWrites_++;
+    }
     device.endWrite(first, count, result == 0);
     return result;
 }
@@ -303,8 +312,14 @@ void Environment::setQueue(const std::string &property, unsigned value)
             property);
 }
 
+// Of the writes only a scenario's own fail: a file system does not outlive the failure of one of
+// its journal's.
 void Environment::failNth(const std::string &kind, unsigned n)
 {
+    if (kind == "write") {
+        writesToFailure_ = n;
+        return;
+    }
     if (!failures_)
         failures_ = std::make_unique<Failures>(setting_.module, debuggerSocket);
     failures_->failNth(kind, n, writer().worker);
@@ -312,7 +327,8 @@ void Environment::failNth(const std::string &kind, unsigned n)
 
 unsigned Environment::clearFailures()
 {
-    return failures_ ? failures_->clear() : 0;
+    writesToFailure_ = 0;
+    return std::exchange(failedWrites_, 0) + (failures_ ? failures_->clear() : 0);
 }
 
 std::unique_ptr<scenario::Environment::Background> Environment::start(std::function<void()> body)

@@ -133,7 +133,9 @@ private:
     std::unique_ptr<BlockServer> server_;
     std::unique_ptr<Guest> guest_;
     std::unique_ptr<Failures> failures_; // from the first that is asked for
-    std::mutex mutex_;                   // guards writers_
+    unsigned writesToFailure_ = 0;       // by writeThrough; 0: none fails
+    unsigned failedWrites_ = 0;
+    std::mutex mutex_; // guards writers_
     std::map<std::thread::id, std::unique_ptr<Writer>> writers_;
 };
 

@@ -99,12 +99,6 @@ std::uint32_t addressInModule(const std::string &file, const std::string &name, 
 
 } // namespace
 
-bool canFail(const std::string &kind)
-{
-    return std::any_of(std::begin(functions), std::end(functions),
-                       [&](const FailingFunction &function) { return function.kind == kind; });
-}
-
 Failures::Failures(const std::string &module, const std::string &debugger)
     : module_(module), debugger_(debugger, [this](StoppedProcessor &at) { onCall(at); })
 {

@@ -12,9 +12,6 @@
 namespace vm
 {
 
-// Whether calls of this kind can be made to fail.
-bool canFail(const std::string &kind);
-
 /*
  * The calls are those of the functions by which the module's own sources reach the kernel. Where
  * one of them begins, the emulator's debugger counts it, and lets the n-th go back to its caller

@@ -97,7 +97,9 @@ std::vector<std::string> withDrives(std::vector<std::string> arguments, const Gu
     std::vector<std::string> drives = options.drives;
     if (drives.empty())
         drives = {"file=nbd+unix:///?socket=" + options.diskSocket +
-                  ",format=raw,if=" + options.diskKind + ",werror=report,rerror=report"};
+                  ",format=raw,if=" + options.diskKind + ",werror=report,rerror=report" +
+                  // What is written is at the server; each stop at a breakpoint would flush.
+                  ",cache=unsafe"};
     for (const std::string &drive : drives)
         arguments.insert(arguments.end(), {"-drive", drive});
     return arguments;
