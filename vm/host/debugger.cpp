@@ -57,7 +57,7 @@ Descriptor connectTo(const std::string &path)
 
 } // namespace
 
-Debugger::Debugger(const std::string &socket, Handler onBreakpoint)
+Debugger::Debugger(const std::string &socket, Action onBreakpoint)
     : onBreakpoint_(std::move(onBreakpoint)), socket_(connectTo(socket))
 {
     // The guest stops when somebody connects, and the emulator may or may not say so.
@@ -74,29 +74,33 @@ Debugger::~Debugger()
     thread_.join();
 }
 
-void Debugger::change(char command, std::uint32_t address)
+void Debugger::whileStopped(Action action)
 {
     {
         std::lock_guard lock(mutex_);
-        wanted_ = command + ("0," + hexadecimal(address) + ",1");
-        refused_ = false;
+        wanted_ = std::move(action);
+        failure_ = nullptr;
     }
     {
-        // If the guest has stopped meanwhile, it is obeyed before it goes on and this is ignored.
+        // If the guest has stopped meanwhile, it is done before it goes on and this is ignored.
         std::lock_guard lock(sending_);
         sendAll(socket_.get(), &interrupt, 1);
     }
     std::unique_lock lock(mutex_);
-    bool done = changed_.wait_for(lock, patience, [this] { return wanted_.empty() || lost_; });
-    if (!done || lost_ || refused_)
-        throw std::runtime_error("the emulator's debugger sets no breakpoint");
+    bool done = changed_.wait_for(lock, patience, [this] { return !wanted_ || lost_; });
+    if (failure_)
+        std::rethrow_exception(failure_);
+    if (!done || lost_)
+        throw std::runtime_error("the emulator's debugger does not answer");
 }
 
 void Debugger::listen()
 {
     try {
-        for (;;)
-            onStop(receive());
+        for (;;) {
+            receive(); // nothing comes by itself but that the guest has stopped
+            onStop();
+        }
     } catch (const std::exception &) {
         std::lock_guard lock(mutex_);
         lost_ = true;
@@ -104,39 +108,27 @@ void Debugger::listen()
     }
 }
 
-void Debugger::onStop(const std::string &reply)
+void Debugger::onStop()
 {
-    const std::string label = "thread:";
-    std::size_t at = reply.find(label);
-    if (at == std::string::npos)
-        return;
-    std::string thread = reply.substr(at + label.size());
-    thread.resize(thread.find(';'));
     std::lock_guard lock(sending_);
-    StoppedProcessor processor(*this);
-    if (breakpoints_.count(processor.get(StoppedProcessor::eip)) != 0) {
-        onBreakpoint_(processor);
-        // A breakpoint would stop it again and again, but not a single step. No other processor
-        // moves meanwhile.
-        if (!processor.returned_)
-            ask("vCont;s:" + thread);
-    }
-    obey();
+    StoppedGuest guest(*this);
+    if (breakpoints_.count(guest.get(StoppedGuest::eip)) != 0)
+        onBreakpoint_(guest);
+    obey(guest);
     send("vCont;c");
 }
 
-void Debugger::obey()
+void Debugger::obey(StoppedGuest &guest)
 {
     std::lock_guard lock(mutex_);
-    if (wanted_.empty())
+    if (!wanted_)
         return;
-    refused_ = ask(wanted_) != "OK";
-    auto address = static_cast<std::uint32_t>(std::stoul(wanted_.substr(3), nullptr, 16));
-    if (wanted_[0] == 'Z')
-        breakpoints_.insert(address);
-    else
-        breakpoints_.erase(address);
-    wanted_.clear();
+    try {
+        wanted_(guest);
+    } catch (...) {
+        failure_ = std::current_exception();
+    }
+    wanted_ = nullptr;
     changed_.notify_all();
 }
 
@@ -178,25 +170,53 @@ std::string Debugger::ask(const std::string &packet)
     return receive();
 }
 
-std::uint32_t StoppedProcessor::get(Register which)
+void Debugger::demand(const std::string &packet)
+{
+    if (ask(packet) != "OK")
+        throw std::runtime_error("the emulator's debugger refuses " + packet);
+}
+
+void StoppedGuest::write(std::uint32_t address, const std::string &bytes)
+{
+    std::string text;
+    for (unsigned char byte : bytes) {
+        char digits[4];
+        std::snprintf(digits, sizeof(digits), "%02x", byte);
+        text += digits;
+    }
+    debugger_.demand("M" + hexadecimal(address) + "," +
+                     hexadecimal(static_cast<std::uint32_t>(bytes.size())) + ":" + text);
+}
+
+void StoppedGuest::setBreakpoint(std::uint32_t address)
+{
+    debugger_.demand("Z0," + hexadecimal(address) + ",1");
+    debugger_.breakpoints_.insert(address);
+}
+
+void StoppedGuest::removeBreakpoint(std::uint32_t address)
+{
+    debugger_.demand("z0," + hexadecimal(address) + ",1");
+    debugger_.breakpoints_.erase(address);
+}
+
+std::uint32_t StoppedGuest::get(Register which)
 {
     return valueOf(debugger_.ask("p" + hexadecimal(which)));
 }
 
-void StoppedProcessor::set(Register which, std::uint32_t value)
+void StoppedGuest::set(Register which, std::uint32_t value)
 {
-    if (debugger_.ask("P" + hexadecimal(which) + "=" + bytesOf(value)) != "OK")
-        throw std::runtime_error("the emulator's debugger sets no register");
+    debugger_.demand("P" + hexadecimal(which) + "=" + bytesOf(value));
 }
 
-void StoppedProcessor::returnFromCall(std::uint32_t result)
+void StoppedGuest::returnFromCall(std::uint32_t result)
 {
     std::uint32_t stack = get(esp);
     std::uint32_t caller = valueOf(debugger_.ask("m" + hexadecimal(stack) + ",4"));
     set(eax, result);
     set(esp, stack + 4);
     set(eip, caller);
-    returned_ = true;
 }
 
 } // namespace vm

@@ -1,6 +1,5 @@
-/* The emulator's debugger: the guest is stopped where a function begins, and may be told to go on
- * as if it had returned. The guest's own code stays as it is, and no kernel needs anything for it.
- */
+/* The emulator's debugger: changes what the stopped guest has in memory, and stops it where its
+ * code comes to an address. */
 #pragma once
 
 #include <condition_variable>
@@ -16,67 +15,67 @@
 namespace vm
 {
 
-class StoppedProcessor;
+class Debugger;
 
-/*
- * One connection to the emulator, by the remote protocol of gdb. The guest runs, but for moments.
- */
+// The guest while it is stopped. Addresses are those of its kernel. Everything throws
+// std::runtime_error if the emulator is gone or refuses.
+class StoppedGuest
+{
+public:
+    void write(std::uint32_t address, const std::string &bytes);
+    void setBreakpoint(std::uint32_t address);
+    void removeBreakpoint(std::uint32_t address);
+
+    // Of the processor that has come to a breakpoint.
+    enum Register : unsigned { eax, ecx, edx, esp = 4, eip = 8 };
+    std::uint32_t get(Register which);
+    // The breakpoint being where a function begins: goes on behind its call, with this result.
+    void returnFromCall(std::uint32_t result);
+
+private:
+    friend class Debugger;
+    explicit StoppedGuest(Debugger &debugger) : debugger_(debugger) {}
+    void set(Register which, std::uint32_t value);
+
+    Debugger &debugger_;
+};
+
+// One connection to the emulator, by the remote protocol of gdb. The guest runs, but for moments.
 class Debugger
 {
 public:
-    // `onBreakpoint` is called, from a thread of this object's, for each time that a processor
-    // comes to a breakpoint, and may use nothing of this object.
-    using Handler = std::function<void(StoppedProcessor &)>;
-    Debugger(const std::string &socket, Handler onBreakpoint);
+    using Action = std::function<void(StoppedGuest &)>;
+    // `onBreakpoint` is called, from a thread of this object's, when a processor comes to a
+    // breakpoint. It either moves the processor on or removes the breakpoint.
+    Debugger(const std::string &socket, Action onBreakpoint);
     ~Debugger();
     Debugger(const Debugger &) = delete;
 
-    // At the first instruction of a function of the kernel's or the module's. They throw
-    // std::runtime_error if the emulator refuses or is gone.
-    void setBreakpoint(std::uint32_t address) { change('Z', address); }
-    void removeBreakpoint(std::uint32_t address) { change('z', address); }
+    // Stops the guest for an action, which that thread does; rethrows what it threw.
+    void whileStopped(Action action);
 
 private:
-    friend class StoppedProcessor;
+    friend class StoppedGuest;
 
-    void change(char command, std::uint32_t address);
     void listen();
-    void onStop(const std::string &reply);
-    void obey();
+    void onStop();
+    void obey(StoppedGuest &guest);
 
     void send(const std::string &packet);
     std::string receive();
     std::string ask(const std::string &packet);
+    void demand(const std::string &packet);
 
-    const Handler onBreakpoint_;
+    const Action onBreakpoint_;
     Descriptor socket_;
     std::set<std::uint32_t> breakpoints_; // the thread's own
     std::mutex sending_;                  // is held from the guest's stop until it goes on
     std::mutex mutex_;                    // guards what follows
     std::condition_variable changed_;
-    std::string wanted_; // a command for when the guest is stopped
-    bool refused_ = false;
+    Action wanted_;
+    std::exception_ptr failure_; // of what was wanted
     bool lost_ = false;
     std::thread thread_;
-};
-
-// The processor that has stopped, at a function's first instruction.
-class StoppedProcessor
-{
-public:
-    enum Register : unsigned { eax, ecx, edx, esp = 4, eip = 8 };
-
-    std::uint32_t get(Register which);
-    // Goes on behind the call, which gets this result.
-    void returnFromCall(std::uint32_t result);
-
-private:
-    friend class Debugger;
-    explicit StoppedProcessor(Debugger &debugger) : debugger_(debugger) {}
-    void set(Register which, std::uint32_t value);
-
-    Debugger &debugger_;
-    bool returned_ = false;
 };
 
 } // namespace vm

@@ -20,7 +20,6 @@ struct FailingFunction {
     const char *kind;
     const char *name;
     std::uint32_t result;
-    bool ofModule = true; // or of the kernel: called before the module's place is known
 };
 
 const FailingFunction functions[] = {
@@ -35,9 +34,11 @@ const FailingFunction functions[] = {
     {"copyFromUser", "zk_copy_from_user", allBytes},
     {"copyToUser", "zk_copy_to_user", allBytes},
     {"copyToUser", "zk_put_user", static_cast<std::uint32_t>(-EFAULT)},
-    {"registerDevice", "register_chrdev", static_cast<std::uint32_t>(-EBUSY), false},
     {"read", "zk_bio_uptodate", 0}, // the module looks at the end of each of its reads
 };
+
+// The kernel's own function: it is called before the module's place can be known.
+constexpr const char *registration = "register_chrdev";
 
 template<class T> T recordAt(const std::string &file, std::size_t at)
 {
@@ -48,34 +49,66 @@ template<class T> T recordAt(const std::string &file, std::size_t at)
     return record;
 }
 
-// A function of an object file: its section's name and its offset there.
-struct Place {
-    std::string section;
-    std::uint32_t offset;
+// What there is of a function in the module's code, as offsets in it.
+struct Function {
+    std::uint32_t begin = 0;
+    std::vector<std::uint32_t> calls; // where a call has the distance to it
 };
 
-Place findFunction(const std::string &file, const std::string &name)
+// One object file with a section of code.
+class ObjectFile
 {
-    auto header = recordAt<Elf32_Ehdr>(file, 0);
-    auto section = [&](unsigned i) {
-        return recordAt<Elf32_Shdr>(file, header.e_shoff + i * sizeof(Elf32_Shdr));
-    };
-    auto text = [&](const Elf32_Shdr &table, std::uint32_t at) {
-        return std::string(file.c_str() + std::min<std::size_t>(table.sh_offset + at, file.size()));
-    };
-    for (unsigned i = 0; i < header.e_shnum; i++) {
-        Elf32_Shdr table = section(i);
-        for (std::uint32_t at = 0; table.sh_type == SHT_SYMTAB && at < table.sh_size;
-             at += sizeof(Elf32_Sym)) {
-            auto symbol = recordAt<Elf32_Sym>(file, table.sh_offset + at);
-            if (ELF32_ST_TYPE(symbol.st_info) == STT_FUNC &&
-                text(section(table.sh_link), symbol.st_name) == name)
-                return {text(section(header.e_shstrndx), section(symbol.st_shndx).sh_name),
-                        symbol.st_value};
-        }
+public:
+    explicit ObjectFile(const std::string &file)
+        : file_(file), header_(recordAt<Elf32_Ehdr>(file, 0))
+    {
     }
-    throw std::runtime_error("the module has no " + name);
-}
+
+    Function find(const std::string &name) const
+    {
+        Function found;
+        bool defined = false;
+        for (unsigned i = 0; i < header_.e_shnum; i++) {
+            Elf32_Shdr calls = section(i);
+            if (calls.sh_type != SHT_REL || nameOf(section(calls.sh_info)) != code)
+                continue;
+            Elf32_Shdr symbols = section(calls.sh_link);
+            for (std::uint32_t at = 0; at < calls.sh_size; at += sizeof(Elf32_Rel)) {
+                auto call = recordAt<Elf32_Rel>(file_, calls.sh_offset + at);
+                auto symbol = recordAt<Elf32_Sym>(
+                    file_, symbols.sh_offset + ELF32_R_SYM(call.r_info) * sizeof(Elf32_Sym));
+                if (ELF32_R_TYPE(call.r_info) != R_386_PC32 ||
+                    text(section(symbols.sh_link), symbol.st_name) != name)
+                    continue;
+                defined = nameOf(section(symbol.st_shndx)) == code;
+                found.begin = symbol.st_value;
+                found.calls.push_back(call.r_offset);
+            }
+        }
+        if (!defined)
+            throw std::runtime_error("the module does not call " + name);
+        return found;
+    }
+
+    static constexpr const char *code = ".text";
+
+private:
+    Elf32_Shdr section(unsigned i) const
+    {
+        return recordAt<Elf32_Shdr>(file_, header_.e_shoff + i * sizeof(Elf32_Shdr));
+    }
+    std::string text(const Elf32_Shdr &table, std::uint32_t at) const
+    {
+        return file_.c_str() + std::min<std::size_t>(table.sh_offset + at, file_.size());
+    }
+    std::string nameOf(const Elf32_Shdr &section) const
+    {
+        return text(this->section(header_.e_shstrndx), section.sh_name);
+    }
+
+    const std::string &file_;
+    const Elf32_Ehdr header_;
+};
 
 std::uint32_t addressInKernel(const std::string &name, Worker &worker)
 {
@@ -88,56 +121,130 @@ std::uint32_t addressInKernel(const std::string &name, Worker &worker)
     throw std::runtime_error("the guest's kernel does not tell where " + name + " is");
 }
 
-std::uint32_t addressInModule(const std::string &file, const std::string &name, Worker &worker)
+std::uint32_t startOfCode(Worker &worker)
 {
-    Place place = findFunction(file, name);
-    std::string start = worker.read("/sys/module/zelmod/sections/" + place.section);
+    std::string start = worker.read(std::string("/sys/module/zelmod/sections/") + ObjectFile::code);
     if (start.empty())
         throw std::runtime_error("the guest's kernel does not tell where the module is");
-    return static_cast<std::uint32_t>(std::stoul(start, nullptr, 16)) + place.offset;
+    return static_cast<std::uint32_t>(std::stoul(start, nullptr, 16));
+}
+
+// The module has whole pages; what is behind its end in the last one nobody uses.
+std::uint32_t startOfRest(Worker &worker, std::uint32_t bytes)
+{
+    constexpr std::uint32_t page = 4096;
+    std::istringstream modules(worker.read("/proc/modules"));
+    for (std::string line; std::getline(modules, line);) {
+        std::istringstream words(line);
+        std::string name, count, users, state, start;
+        std::uint32_t size = 0;
+        if (words >> name >> size >> count >> users >> state >> start && name == "zelmod") {
+            if ((page - size % page) % page < bytes)
+                throw std::runtime_error("the module leaves no room behind its end");
+            return static_cast<std::uint32_t>(std::stoul(start, nullptr, 16)) + size;
+        }
+    }
+    throw std::runtime_error("the guest's kernel does not tell how long the module is");
+}
+
+std::string bytesOf(std::uint32_t value)
+{
+    return {reinterpret_cast<const char *>(&value), sizeof(value)};
+}
+
+// What a jump or call has in the four bytes at `at` to get to `to`.
+std::string distance(std::uint32_t at, std::uint32_t to)
+{
+    return bytesOf(to - (at + 4));
+}
+
+/*
+ * Counts down, and goes on to a function:
+ *
+ *     lock decl counter
+ *     jz nth
+ *     jmp function
+ * nth:
+ *     jmp function
+ */
+constexpr std::uint32_t nthOffset = 14;
+constexpr std::uint32_t stubBytes = 20;
+
+std::string stubAt(std::uint32_t start, std::uint32_t counter, std::uint32_t function)
+{
+    using namespace std::string_literals;
+    std::string code = "\xf0\xff\x0d"s + bytesOf(counter) + "\x74\x05\xe9"s;
+    code += distance(start + 10, function) + "\xe9"s + distance(start + nthOffset + 1, function);
+    code.resize(stubBytes, '\x90');
+    return code;
 }
 
 } // namespace
 
 Failures::Failures(const std::string &module, const std::string &debugger)
-    : module_(module), debugger_(debugger, [this](StoppedProcessor &at) { onCall(at); })
+    : module_(module), debugger_(debugger, [this](StoppedGuest &guest) { onCall(guest); })
 {
+}
+
+void Failures::failInModule(const std::string &kind, unsigned n, Worker &worker)
+{
+    constexpr std::uint32_t mostBytes = 64; // of a counter and two functions' stubs
+    std::uint32_t start = startOfCode(worker);
+    std::uint32_t counter = startOfRest(worker, mostBytes);
+    std::uint32_t stub = counter + sizeof(n);
+    Bytes bytes = {{counter, bytesOf(n)}};
+    for (const FailingFunction &failing : functions) {
+        if (failing.kind != kind)
+            continue;
+        Function function = ObjectFile(module_).find(failing.name);
+        bytes[stub] = stubAt(stub, counter, start + function.begin);
+        results_[stub + nthOffset] = failing.result;
+        for (std::uint32_t call : function.calls) {
+            bytes[start + call] = distance(start + call, stub);
+            changed_[start + call] = distance(start + call, start + function.begin);
+        }
+        stub += stubBytes;
+    }
+    if (results_.empty())
+        throw std::logic_error("calls of " + kind + " cannot be made to fail");
+    debugger_.whileStopped([&](StoppedGuest &guest) {
+        for (const auto &[address, piece] : bytes)
+            guest.write(address, piece);
+        for (const auto &[address, result] : results_)
+            guest.setBreakpoint(address);
+    });
 }
 
 void Failures::failNth(const std::string &kind, unsigned n, Worker &worker)
 {
     clear();
-    wanted_ = n;
-    for (const FailingFunction &function : functions)
-        if (function.kind == kind) {
-            addresses_.push_back(function.ofModule ? addressInModule(module_, function.name, worker)
-                                                   : addressInKernel(function.name, worker));
-            results_.push_back(function.result);
-        }
-    if (addresses_.empty())
-        throw std::logic_error("calls of " + kind + " cannot be made to fail");
-    for (std::uint32_t address : addresses_)
-        debugger_.setBreakpoint(address);
+    if (kind != "registerDevice")
+        return failInModule(kind, n, worker);
+    if (n != 1)
+        throw std::logic_error("the device is registered once");
+    std::uint32_t function = addressInKernel(registration, worker);
+    results_[function] = static_cast<std::uint32_t>(-EBUSY);
+    debugger_.whileStopped([&](StoppedGuest &guest) { guest.setBreakpoint(function); });
 }
 
 unsigned Failures::clear()
 {
-    for (std::uint32_t address : addresses_)
-        debugger_.removeBreakpoint(address);
-    addresses_.clear();
+    if (!results_.empty())
+        debugger_.whileStopped([this](StoppedGuest &guest) {
+            for (const auto &[address, result] : results_)
+                guest.removeBreakpoint(address);
+            for (const auto &[address, bytes] : changed_)
+                guest.write(address, bytes);
+        });
     results_.clear();
-    calls_ = 0;
+    changed_.clear();
     return failed_.exchange(0);
 }
 
-void Failures::onCall(StoppedProcessor &processor)
+void Failures::onCall(StoppedGuest &guest)
 {
-    if (++calls_ != wanted_)
-        return;
-    std::uint32_t address = processor.get(StoppedProcessor::eip);
-    auto found = std::find(addresses_.begin(), addresses_.end(), address);
-    std::uint32_t result = results_.at(static_cast<std::size_t>(found - addresses_.begin()));
-    processor.returnFromCall(result != allBytes ? result : processor.get(StoppedProcessor::ecx));
+    std::uint32_t result = results_.at(guest.get(StoppedGuest::eip));
+    guest.returnFromCall(result != allBytes ? result : guest.get(StoppedGuest::ecx));
     failed_++;
 }
 

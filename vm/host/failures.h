@@ -2,7 +2,7 @@
 #pragma once
 
 #include <atomic>
-#include <memory>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -13,9 +13,10 @@ namespace vm
 {
 
 /*
- * The calls are those of the functions by which the module's own sources reach the kernel. Where
- * one of them begins, the emulator's debugger counts it, and lets the n-th go back to its caller
- * with the result of a failure: neither kernel nor module are other ones than usual.
+ * The calls are those of the functions by which the module's own sources reach the kernel. In the
+ * loaded module they are led to a few instructions behind its end, which count them and go on to
+ * the function; the emulator's debugger stops the n-th there and lets it go back to its caller with
+ * the result of a failure. Neither the kernel nor the module's file is another one than usual.
  */
 class Failures
 {
@@ -23,19 +24,21 @@ public:
     // `module` is the module as it is in a file; `debugger` the emulator's socket for it.
     Failures(const std::string &module, const std::string &debugger);
 
-    // For the module as it is loaded now. Registering the device may be called for before.
+    // For the module as it is loaded now; it must still be when this is cleared. The first call of
+    // the registration of its device may be asked for before it is loaded.
     void failNth(const std::string &kind, unsigned n, Worker &worker);
     // How many calls were made to fail; no more will.
     unsigned clear();
 
 private:
-    void onCall(StoppedProcessor &processor);
+    using Bytes = std::map<std::uint32_t, std::string>; // by address
+
+    void failInModule(const std::string &kind, unsigned n, Worker &worker);
+    void onCall(StoppedGuest &guest);
 
     const std::string module_;
-    std::vector<std::uint32_t> addresses_; // of the breakpoints, and the results at each
-    std::vector<std::uint32_t> results_;
-    unsigned wanted_ = 0; // which call from the first
-    std::atomic<unsigned> calls_{0};
+    Bytes changed_;                                  // as it was before
+    std::map<std::uint32_t, std::uint32_t> results_; // by the address of a breakpoint
     std::atomic<unsigned> failed_{0};
     Debugger debugger_; // last: its thread uses the others
 };
