@@ -9,7 +9,7 @@
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 
-scenarios=(EnvironmentMissesLostWrites FullAndIncrementalChain UnloadWithSessionsOpen)
+scenarios=(EnvironmentMissesLostWrites FullAndIncrementalChain UnloadWithSessionsOpen ZelsendChain)
 
 skip()
 {

@@ -36,8 +36,10 @@ int codeOf(int status)
 struct IndexEntry {
     std::uint32_t firstBlock;
     std::uint32_t blockCount;
-    unsigned char rest[24];
+    std::uint16_t content;
+    unsigned char rest[22];
 };
+enum Content : unsigned { data, zero, unreadable, doubtful };
 
 } // namespace
 
@@ -86,17 +88,30 @@ bool Repository::has(const std::string &name) const
     return std::filesystem::exists(std::filesystem::path(folder) / name);
 }
 
-test::Bitmap Repository::blocksOf(const std::string &name, std::uint32_t blocks) const
+test::Bitmap Repository::blocksWith(const std::string &name, std::uint32_t blocks,
+                                    const std::set<unsigned> &contents) const
 {
     std::string index = contentsOf(std::filesystem::path(folder) / name / "index");
     test::Bitmap map = test::emptyBitmap(blocks);
     for (std::size_t at = 0; at + sizeof(IndexEntry) <= index.size(); at += sizeof(IndexEntry)) {
         IndexEntry entry;
         std::memcpy(&entry, &index[at], sizeof(entry));
+        if (contents.count(entry.content) == 0)
+            continue;
         for (std::uint32_t i = 0; i < entry.blockCount && entry.firstBlock + i < blocks; i++)
             test::setBit(map, entry.firstBlock + i);
     }
     return map;
+}
+
+test::Bitmap Repository::blocksOf(const std::string &name, std::uint32_t blocks) const
+{
+    return blocksWith(name, blocks, {data, zero, unreadable, doubtful});
+}
+
+test::Bitmap Repository::unreadOf(const std::string &name, std::uint32_t blocks) const
+{
+    return blocksWith(name, blocks, {unreadable, doubtful});
 }
 
 bool Repository::verify()
@@ -104,11 +119,12 @@ bool Repository::verify()
     return run(std::string("-q verify ") + folder + " --all >>" + logFile) == 0;
 }
 
-scenario::Image Repository::restore(const std::string &name)
+scenario::Image Repository::restore(const std::string &name, bool unread)
 {
+    constexpr int fellShort = 3;
     int code = run(std::string("-q restore ") + folder + " " + name + " " + imageFile +
                    " --force >>" + logFile);
-    if (code != 0)
+    if (code != (unread ? fellShort : 0))
         throw scenario::Failure("zel restore of " + name + " ended with " + std::to_string(code) +
                                 ":\n" + log());
     std::string image = contentsOf(imageFile);

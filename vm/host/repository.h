@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -40,16 +41,21 @@ public:
     // The stream id of the newest complete point of a device, or nothing.
     std::string last(const std::string &device);
     bool has(const std::string &name) const;
-    // The blocks that a point holds itself.
+    // The blocks that a point holds itself, and those of them whose contents it does not know: they
+    // were unreadable, or in doubt beside such a one.
     test::Bitmap blocksOf(const std::string &name, std::uint32_t blocks) const;
+    test::Bitmap unreadOf(const std::string &name, std::uint32_t blocks) const;
     // Whether zel finds all points sound.
     bool verify();
-    scenario::Image restore(const std::string &name);
+    // `unread`: zel has to say that blocks of it are not known.
+    scenario::Image restore(const std::string &name, bool unread);
     // What zel has said.
     std::string log() const;
 
 private:
     int run(const std::string &arguments);
+    test::Bitmap blocksWith(const std::string &name, std::uint32_t blocks,
+                            const std::set<unsigned> &contents) const;
 
     const std::string zel_;
 };

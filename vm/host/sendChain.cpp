@@ -19,21 +19,26 @@ struct Announcement {
     std::uint32_t blocks;
     bool full;
     std::string reason; // of a full one
+    std::uint32_t unread;
 };
 
 // "zelsend: changed 12 of 345 blocks (full: there is no earlier stream)" and nothing beside it but
-// what was sent in the end.
+// what was sent in the end, and what could not be read of it.
 Announcement parse(const std::string &errors)
 {
     static const std::regex lines("zelsend: changed (\\d+) of (\\d+) blocks "
                                   "\\((?:incremental|(full): (.*))\\)\n"
                                   "(?:zelsend: \\d+ of \\d+ blocks \\(\\d+%\\), \\d+ MiB\n)*"
-                                  "zelsend: sent [0-9a-f]{32}: \\1 blocks, \\d+ bytes\n");
+                                  "zelsend: sent [0-9a-f]{32}: \\1 blocks, \\d+ bytes\n"
+                                  "(?:zelsend: (\\d+) blocks are unreadable and (\\d+) in doubt "
+                                  "beside them\n)?");
     std::smatch found;
     if (!std::regex_match(errors, found, lines))
         throw Failure("zelsend says:\n" + errors);
-    return {static_cast<std::uint32_t>(std::stoul(found[1])),
-            static_cast<std::uint32_t>(std::stoul(found[2])), found[3].matched, found[4]};
+    auto number = [&](std::size_t i) {
+        return found[i].matched ? static_cast<std::uint32_t>(std::stoul(found[i])) : 0;
+    };
+    return {number(1), number(2), found[3].matched, found[4], number(5) + number(6)};
 }
 
 } // namespace
@@ -54,6 +59,13 @@ std::unique_ptr<GuestProgram> SendChain::start()
 
 std::string SendChain::finish(GuestProgram &program, std::string_view begun)
 {
+    return take(program, begun, false);
+}
+
+std::string SendChain::take(GuestProgram &program, std::string_view begun, bool unread)
+{
+    constexpr int fellShort = 3;
+    const int expected = unread ? fellShort : 0;
     std::string name =
         "device-" + std::to_string(device_) + "-point-" + std::to_string(points_.size());
     Sink receiver = repository_.receive(name);
@@ -62,7 +74,7 @@ std::string SendChain::finish(GuestProgram &program, std::string_view begun)
         taken = receiver.write(piece);
     int received = receiver.finish();
     int sent = program.wait();
-    if (sent != 0 || received != 0 || !taken)
+    if (sent != expected || received != expected || !taken)
         throw Failure(name + ": zelsend ended with " + std::to_string(sent) +
                       " and zel receive with " + std::to_string(received) + "; they say:\n" +
                       program.errors() + repository_.log());
@@ -73,8 +85,9 @@ std::string SendChain::finish(GuestProgram &program, std::string_view begun)
                 "the number of changed blocks that zelsend tells");
     expect(said.full || said.changed < said.blocks, "an incremental backup to have less than all");
     checkBlocks(name, said.full);
-    written_ = test::emptyBitmap(env_.blocks(device_));
-    points_.push_back({name, env_.frozen(device_)});
+    written_ = repository_.unreadOf(name, env_.blocks(device_)); // to be sent again
+    expectEqual(said.unread, test::countBits(written_), "the number of blocks that it lacks");
+    points_.push_back({name, env_.frozen(device_), unread});
     return said.reason;
 }
 
@@ -86,6 +99,28 @@ void SendChain::checkBlocks(const std::string &name, bool full) const
         expect(test::testBit(sent, block) == test::testBit(expected, block),
                name + " to have the written blocks and no others; block " + std::to_string(block) +
                    " is wrong");
+}
+
+void SendChain::takeFullWithout(std::uint32_t first, std::uint32_t count)
+{
+    env_.failReads(device_, first, count);
+    expect(!take(*start(), {}, true).empty(), "a full backup");
+    env_.clearReadFailures();
+    for (std::uint32_t place = first; place < first + count; place++)
+        expect(test::testBit(written_, env_.blockAt(device_, place)),
+               "a place to be lacking that cannot be read");
+    const auto size = static_cast<std::ptrdiff_t>(env_.blockSize(device_));
+    unsigned lackingData = 0;
+    scenario::Image &image = points_.back().contents;
+    for (std::uint32_t block = 0; block < env_.blocks(device_); block++) {
+        if (!test::testBit(written_, block))
+            continue;
+        auto begin = image.begin() + static_cast<std::ptrdiff_t>(block) * size;
+        bool zeros = std::all_of(begin, begin + size, [](unsigned char byte) { return byte == 0; });
+        lackingData += zeros ? 0 : 1;
+        std::fill(begin, begin + size, 0);
+    }
+    expectEqual(lackingData, count, "the number of blocks lacking that are not zeros");
 }
 
 void SendChain::noteFreeze()
@@ -115,9 +150,9 @@ void SendChain::verifyAll()
 {
     expect(repository_.verify(), "zel to find every point sound:\n" + repository_.log());
     for (const Point &point : points_) {
-        scenario::Image image = repository_.restore(point.name);
-        expectEqual(image.size(), point.frozen.size(), "the size of a restored image");
-        auto differs = std::mismatch(image.begin(), image.end(), point.frozen.begin()).first;
+        scenario::Image image = repository_.restore(point.name, point.unread);
+        expectEqual(image.size(), point.contents.size(), "the size of a restored image");
+        auto differs = std::mismatch(image.begin(), image.end(), point.contents.begin()).first;
         expect(differs == image.end(),
                point.name + " to be as the device was; block " +
                    std::to_string((differs - image.begin()) / env_.blockSize(device_)) + " is not");

@@ -29,6 +29,9 @@ public:
     // it has sent: all, or those that were written since the point before, no more and no less.
     // Gives why the backup was full, or nothing.
     std::string finish(GuestProgram &program, std::string_view begun = {});
+    // Takes a full backup while reads of these places fail. Its point lacks them and maybe some
+    // blocks of zeros, which is told; the next one has them.
+    void takeFullWithout(std::uint32_t first, std::uint32_t count);
     // For a backup that has made no point: what it would have sent is left to the next one.
     void noteFreeze();
 
@@ -42,8 +45,10 @@ public:
 private:
     struct Point {
         std::string name;
-        scenario::Image frozen;
+        scenario::Image contents; // as they must be restored
+        bool unread;              // there are blocks that it lacks
     };
+    std::string take(GuestProgram &program, std::string_view begun, bool unread);
     void checkBlocks(const std::string &name, bool full) const;
 
     Environment &env_;

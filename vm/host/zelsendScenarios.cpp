@@ -235,6 +235,22 @@ void interruptions(Environment &env, Repository &repository)
     expectUnload(env);
 }
 
+// What the disk could not read of one device is in the next backup of it.
+void unreadableBlocks(Environment &env, Repository &repository)
+{
+    constexpr std::uint32_t first = 10;
+    constexpr std::uint32_t count = 3;
+    SendChain chain(env, repository, 0);
+    expectLoad(env);
+    chain.takeFullWithout(first, count);
+    env.write(0, first + 1, 1);
+    env.write(0, first + 2 * count, count);
+    chain.takeIncremental();
+    chain.takeIncremental();
+    chain.verifyAll();
+    expectUnload(env);
+}
+
 // zelsend must do nothing but say this, in one line, and end with this code.
 void expectRefusal(Environment &env, const std::vector<std::string> &arguments, int code,
                    const std::string &message)
@@ -324,6 +340,7 @@ std::vector<GuestScenario> zelsendScenarios(const std::string &zel)
     return {
         {"ZelsendChain", {8, {4096, 1024}, true}, with(chain)},
         {"ZelsendCutAndKilled", {4, {1024}, false}, with(interruptions)},
+        {"ZelsendUnreadableBlocks", {2, {4096}, true}, with(unreadableBlocks)},
         {"ZelsendRefusals", {2, {4096, 1024}, true}, with(refusals)},
     };
 }
