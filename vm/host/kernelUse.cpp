@@ -30,7 +30,9 @@ std::vector<std::string> linesOf(const std::string &text)
 struct SlabCache {
     std::string name;
     long objects = 0;
-    bool tunable = false; // by writing to that file
+    long objectsPerSlab = 0;
+    long slabs = 0;
+    bool tunable = false; // by writing to that file: SLAB's caches are
 };
 
 std::vector<SlabCache> readSlabCaches(Worker &worker)
@@ -40,9 +42,15 @@ std::vector<SlabCache> readSlabCaches(Worker &worker)
     for (const std::string &line : linesOf(worker.read(slabFile))) {
         std::istringstream in(line);
         SlabCache cache;
+        std::string label;
+        long other = 0;
         std::size_t at = line.find(": tunables");
-        if (line[0] == '#' || at == std::string::npos || !(in >> cache.name >> cache.objects))
+        if (line[0] == '#' || at == std::string::npos ||
+            !(in >> cache.name >> cache.objects >> other >> other >> cache.objectsPerSlab))
             continue;
+        in.seekg(static_cast<std::streamoff>(line.find(": slabdata")));
+        if (!(in >> label >> label >> other >> cache.slabs))
+            throw std::runtime_error("the guest has no slabs: " + line);
         cache.tunable = line.compare(at, noTunables.size(), noTunables) != 0;
         caches.push_back(cache);
     }
@@ -121,9 +129,15 @@ long threads(Worker &worker)
 
 KernelUse useNow(Worker &worker)
 {
+    // SLAB describes a slab of one object by an object of another cache, and with page debugging
+    // most caches have such slabs: there are as many as entries and inodes in the kernel's caches.
+    const std::string descriptors = "objects of size-32";
     KernelUse use;
-    for (const SlabCache &cache : readSlabCaches(worker))
-        use["objects of " + cache.name] = cache.objects;
+    for (const SlabCache &cache : readSlabCaches(worker)) {
+        use["objects of " + cache.name] += cache.objects;
+        if (cache.tunable && cache.objectsPerSlab == 1)
+            use[descriptors] -= cache.slabs;
+    }
     use["pages"] = pagesOfNoOther(worker);
     use["KiB of vmalloc"] = numberAfter(worker.read("/proc/meminfo"), "VmallocUsed:");
     use["threads"] = threads(worker);

@@ -183,7 +183,8 @@ void runCycles(Environment &env, const std::set<std::string> &caches, unsigned c
  * By how much a figure may have risen, however many cycles there were: so much goes up and down by
  * itself (pages on their way between lists, nodes of what is left in the page cache), and it does
  * not add up. A leak does: one object in one of the endings is 40 of them after 200 cycles. Few
- * cycles can only show a leak of several objects in each.
+ * cycles can only show a leak of several objects in each. Pages go up and down by more: a page in
+ * one of the endings shows after 300 cycles.
  *
  * The kernel never drops the last hundred directory entries and inodes that nobody uses, and SLUB
  * counts the free objects in a processor's slab as used, of which looking at the figures needs some
