@@ -5,6 +5,7 @@
 #   tools/setup.sh [package...]     these packages too
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
+. tools/packages.sh
 
 packages=(
     g++ g++-multilib cmake ninja-build          # compilers (64 and 32 bits) and build tools
@@ -73,47 +74,27 @@ installPackages()
     [ ${#missing[@]} = 0 ] || fail "still missing after the installation: ${missing[*]}"
 }
 
-# The package is unpacked, not installed (installed, it would remove g++-multilib), and found
-# through package lists of our own, so that apt's configuration stays as it is.
+# The package is unpacked, as it would remove g++-multilib if it were installed.
 unpackMusl()
 {
     echo "setup: fetching the static C library for zelsend (musl, i386)"
     mkdir -p build/cache
     work=$(mktemp -d "$PWD/build/cache/musl.XXXXXX")
     trap 'rm -rf "$work"' EXIT
-    mkdir -p "$work"/state/lists/partial "$work"/cache/archives/partial "$work"/unpacked
-    : >"$work"/status
-    cat >"$work"/apt.conf <<END
-APT::Architecture "i386";
-APT::Architectures { "i386"; };
-APT::Sandbox::User "";
-Dir::State "$work/state";
-Dir::State::status "$work/status";
-Dir::Cache "$work/cache";
-Acquire::Languages "none";
-Acquire::Retries "3";
-END
-    export APT_CONFIG=$work/apt.conf
-    local attempt
-    for attempt in 1 2 3; do
-        # A failing index is no reason to stop: the package is in the main one.
-        apt-get -q update >"$work"/log 2>&1 || true
-        if (cd "$work" && apt-get -q download musl-dev:i386) >>"$work"/log 2>&1; then
-            break
-        fi
-        [ "$attempt" = 3 ] && {
-            cat "$work"/log >&2
-            fail "could not download the package musl-dev:i386 (messages above); check the" \
-                "network and the package sources, then repeat."
-        }
-        sleep 5
-    done
-    unset APT_CONFIG
-    dpkg -x "$work"/musl-dev_*_i386.deb "$work"/unpacked
-    [ -f "$work"/unpacked/usr/lib/i386-linux-musl/libc.a ] ||
+    fetchPackages "$work" 3 nameMusl || {
+        cat "$work"/log >&2
+        fail "could not fetch the package musl-dev:i386 (messages above); check the network and the" \
+            "package sources, then repeat."
+    }
+    [ -f "$work/root"/usr/lib/i386-linux-musl/libc.a ] ||
         fail "the package musl-dev:i386 does not have the expected layout"
     rm -rf "$muslDirectory"
-    mv -T "$work"/unpacked "$muslDirectory"
+    mv -T "$work"/root "$muslDirectory"
+}
+
+nameMusl()
+{
+    echo musl-dev:i386
 }
 
 command -v dpkg-query >/dev/null && command -v apt-get >/dev/null ||

@@ -1,0 +1,96 @@
+#!/bin/bash
+# Fetches Debian 12's current kernel for 32-bit x86 (686-pae) with what modules for it are built
+# with, as packages that are unpacked and never installed:
+#
+#   build/cache/linux-6.1/root/     the packages' files: image, modules, headers, build tools
+#   build/cache/linux-6.1/release   the kernel's release, such as 6.1.0-9-686-pae
+#
+# Looks whether there is a newer one if the last look is a day old, and does with what is there if
+# nothing can be learnt or had. `rm -r build/cache/linux-6.1` makes it forget.
+set -euo pipefail
+cd "$(dirname "$(readlink -f "$0")")/.."
+. tools/packages.sh
+
+series=6.1
+cache=$PWD/build/cache/linux-$series
+day=1440 # minutes
+
+fail()
+{
+    printf 'fetch-kernel: %s\n' "$@" >&2
+    exit 1
+}
+
+dependencies()
+{
+    apt-cache depends "$1:i386" | sed -n 's/^ *Depends: \([^<:]*\).*/\1/p'
+}
+
+# The release is told by what Debian's package of the current kernel depends on; a kernel's headers
+# name those that all kernels of its version share, and the build tools.
+namePackages()
+{
+    local parts
+    release=$(dependencies linux-image-686-pae | sed -n 's/^linux-image-\([0-9].*\)$/\1/p')
+    if [ -z "$release" ]; then
+        echo "no package source tells what the current kernel is (linux-image-686-pae:i386)" >&2
+        return 1
+    elif [[ $release != "$series".* ]]; then
+        echo "the package sources' current kernel is $release, not $series as Debian 12's" >&2
+        return 1
+    fi
+    [ "$release" != "$had" ] || return 0
+    parts=$(dependencies "linux-headers-$release" |
+        grep -E '^(linux-headers-.*-common|linux-kbuild-.*)$')
+    [ "$(wc -l <<<"$parts")" = 2 ] || {
+        echo "no package source tells what goes with kernel $release (linux-headers-$release:i386)" >&2
+        return 1
+    }
+    printf '%s:i386\n' "linux-image-$release" "linux-headers-$release" $parts
+}
+
+# Whether a folder has what the packages are fetched for.
+isComplete()
+{
+    local file
+    for file in "boot/vmlinuz-$release" "lib/modules/$release/kernel/fs/ext4/ext4.ko" \
+        "usr/src/linux-headers-$release/Module.symvers" "usr/lib/linux-kbuild-$series/scripts/mod/modpost"; do
+        [ -f "$1/$file" ] || {
+            echo "the packages of kernel $release have no /$file"
+            return 1
+        }
+    done
+}
+
+mkdir -p "$(dirname "$cache")"
+exec {lock}>"$cache.lock"
+flock "$lock"
+had=
+if [ -f "$cache/release" ]; then
+    [ -n "$(find "$cache/release" -mmin "+$day")" ] || exit 0
+    had=$(cat "$cache/release")
+fi
+
+work=$cache.new
+rm -rf "$work"
+trap 'rm -rf "$work"' EXIT
+mkdir "$work"
+attempts=3
+[ -n "$had" ] && attempts=1 || echo "fetch-kernel: fetching Debian's current kernel (686-pae), 70 MB"
+if fetchPackages "$work" "$attempts" namePackages; then
+    if [ "$release" != "$had" ]; then
+        isComplete "$work/root" >"$work/log" || fail "$(cat "$work/log"); they are not as expected"
+        rm "$work"/{log,names}
+        echo "$release" >"$work/release"
+        rm -rf "$cache"
+        mv -T "$work" "$cache"
+        echo "fetch-kernel: $release"
+    fi
+    touch "$cache/release"
+elif [ -n "$had" ]; then
+    echo "fetch-kernel: cannot tell whether there is a newer kernel; going on with $had" >&2
+else
+    cat "$work/log" >&2
+    fail "could not fetch Debian's current kernel for 32-bit x86 (messages above); check the network" \
+        "and the package sources (Debian 12's), then repeat."
+fi
