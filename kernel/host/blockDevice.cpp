@@ -77,7 +77,7 @@ int openPartition(block_device *device, gendisk *disk, int number)
     if (result)
         return result;
     device->bd_contains.store(whole, std::memory_order_release);
-    hd_struct *part = number < disk->part_tbl_len ? disk->part_tbl[number] : nullptr;
+    hd_struct *part = number < disk->part_tbl_len ? disk->part_tbl[number].load() : nullptr;
     if (!part || part->nr_sects == 0) {
         clearDisk(device);
         closeLocked(whole, true);
@@ -153,7 +153,8 @@ void addPartition(gendisk *disk, const Partition &partition)
     part->start_sect = partition.start;
     part->nr_sects = std::min<sector_t>(partition.sectors, disk->capacity - partition.start);
     disk->part_tbl[partition.number] = part;
-    disk->part_tbl_len = std::max(disk->part_tbl_len, static_cast<int>(partition.number) + 1);
+    disk->part_tbl_len =
+        std::max(disk->part_tbl_len.load(), static_cast<int>(partition.number) + 1);
 }
 
 } // namespace
@@ -198,10 +199,13 @@ int rescanPartitions(gendisk *disk, block_device *whole)
     if (whole->bd_part_count)
         return -KERNEL_EBUSY;
     int result = syncDevice(whole);
-    for (int number = 1; number < disk->part_tbl_len; number++) {
-        if (hd_struct *part = std::exchange(disk->part_tbl[number], nullptr))
-            *part = {0, 0, true};
-    }
+    std::vector<hd_struct *> deleted;
+    for (int number = 1; number < disk->part_tbl_len; number++)
+        if (hd_struct *part = disk->part_tbl[number].exchange(nullptr))
+            deleted.push_back(part);
+    waitForReaders();
+    for (hd_struct *part : deleted)
+        *part = {0, 0, true};
     whole->bd_invalidated = false;
     if (result)
         return result;
@@ -335,20 +339,17 @@ int disk_part_tbl_len(gendisk *disk)
 
 hd_struct *disk_part(gendisk *disk, int number)
 {
-    if (checking) {
-        // The whole disk's, or that of a partition: while one is open the table does not change.
-        const auto &held = requireTask("disk_part").held;
-        bool holdsMutex = std::any_of(held.begin(), held.end(),
-                                      [](const HeldLock &lock) { return lock.kind == lockMutex; });
-        if (!holdsMutex)
-            reportViolation("partition table without bd_mutex", "disk_part by " + currentName());
-    }
+    if (requireTask("disk_part").rcuDepth == 0)
+        reportViolation("partition table outside of rcu_read_lock",
+                        "disk_part by " + currentName());
     if (number < 0 || number >= disk->part_tbl_len) {
         reportViolation("partition table overrun",
                         "slot " + std::to_string(number) + " by " + currentName());
         return nullptr;
     }
-    return disk->part_tbl[number];
+    hd_struct *part = disk->part_tbl[number];
+    pointOfSwitch(); // it may be taken out of the table before it is looked at
+    return part;
 }
 
 sector_t get_capacity(gendisk *disk)

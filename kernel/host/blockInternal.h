@@ -26,8 +26,8 @@ namespace host
 class DiskState;
 } // namespace host
 
-// Start and length of a partition, or of the whole disk as its partition 0. Guarded by the whole
-// disk's bd_mutex.
+// Start and length of a partition, or of the whole disk as its partition 0. They do not change as
+// long as it is in the disk's table.
 struct hd_struct {
     sector_t start_sect = 0;
     sector_t nr_sects = 0;
@@ -41,8 +41,10 @@ struct gendisk {
     sector_t capacity = 0;
     struct request_queue *queue = nullptr;
     hd_struct part0;
-    int part_tbl_len = 1;              // guarded by the whole disk's bd_mutex
-    std::vector<hd_struct *> part_tbl; // `minors` slots, likewise; 0 is the whole disk
+    // Changed under the whole disk's bd_mutex; read under it or RCU. `minors` slots, of which 0 is
+    // the whole disk.
+    std::atomic<int> part_tbl_len{1};
+    std::vector<std::atomic<hd_struct *>> part_tbl;
     std::vector<std::unique_ptr<hd_struct>> parts;
 };
 

@@ -82,6 +82,7 @@ struct TaskImpl : std::enable_shared_from_this<TaskImpl> {
 
     // Context; the task's own.
     unsigned spinDepth = 0;
+    unsigned rcuDepth = 0;
     unsigned interruptDepth = 0;
     unsigned ioPathDepth = 0;
     bool interruptsOff = false;

@@ -127,7 +127,7 @@ DiskState::DiskState(std::uint64_t sectors, const DiskOptions &given)
     disk.minors = static_cast<int>(options.minors);
     disk.capacity = sectors;
     disk.part0 = {0, sectors, false};
-    disk.part_tbl.resize(options.minors);
+    disk.part_tbl = std::vector<std::atomic<hd_struct *>>(options.minors);
     disk.part_tbl[0] = &disk.part0;
 }
 

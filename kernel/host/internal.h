@@ -32,7 +32,7 @@ struct LockHead {
 };
 } // namespace host
 
-// The mutex behind mutex_lock and mutex_unlock, to embed in the host's records.
+// A mutex to embed in the host's records.
 struct mutex {
     host::LockHead head;
     host::WaiterList waiters;
@@ -45,6 +45,12 @@ namespace host
 // All mutexes of one name are one class of locks. Idle when it is destroyed: say so with
 // checkFreed(&lock, sizeof(lock), ...).
 void initMutex(struct mutex *lock, const char *name);
+// Process context, may sleep.
+void mutex_lock(struct mutex *lock);
+
+// Sleeps until nobody is between rcu_read_lock and rcu_read_unlock any more who could have found
+// what was taken away before.
+void waitForReaders();
 
 // A spin lock taken with interrupts left as they are (the seam has only the irqsave form).
 void spinLock(spinlock_t *lock);

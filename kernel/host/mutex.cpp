@@ -11,10 +11,6 @@ void initMutex(struct mutex *lock, const char *name)
     initLock(lock->head, lockMutex, name, nullptr);
 }
 
-} // namespace host
-
-using namespace host;
-
 void mutex_lock(struct mutex *lock)
 {
     const void *site = __builtin_return_address(0);
@@ -40,6 +36,26 @@ void mutex_lock(struct mutex *lock)
         noteAcquired(lock->head, true, site);
 }
 
+} // namespace host
+
+using namespace host;
+
+int mutex_trylock(struct mutex *lock)
+{
+    TaskImpl &task = requireTask("mutex_trylock");
+    pointOfSwitch();
+    if (checking && !checkInitialised(lock->head, lockMutex, "mutex_trylock"))
+        return 0;
+    lockGuard(lock->head.guard);
+    bool taken = lock->owner.load(std::memory_order_relaxed) == 0;
+    if (taken)
+        lock->owner.store(task.pid, std::memory_order_relaxed);
+    unlockGuard(lock->head.guard);
+    if (taken && checking)
+        noteAcquired(lock->head, true, __builtin_return_address(0));
+    return taken ? 1 : 0;
+}
+
 void mutex_unlock(struct mutex *lock)
 {
     pointOfSwitch();
@@ -55,11 +71,4 @@ void mutex_unlock(struct mutex *lock)
     if (served != nullptr)
         grant(*served);
     pointOfSwitch();
-}
-
-int mutex_held_by_current(struct mutex *lock)
-{
-    pointOfSwitch();
-    return currentTaskImpl != nullptr &&
-           lock->owner.load(std::memory_order_relaxed) == currentTaskImpl->pid;
 }

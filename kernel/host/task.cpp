@@ -252,7 +252,8 @@ bool inInterrupt()
 bool inAtomicContext()
 {
     const TaskImpl *task = currentTaskImpl;
-    return task != nullptr && (task->spinDepth != 0 || task->interruptDepth != 0);
+    return task != nullptr &&
+           (task->spinDepth != 0 || task->rcuDepth != 0 || task->interruptDepth != 0);
 }
 
 void runInInterrupt(const std::function<void()> &body)

@@ -57,12 +57,12 @@ int zk_disk_minors(struct gendisk *disk)
 
 int zk_disk_part_tbl_len(struct gendisk *disk)
 {
-    return disk->part_tbl->len;
+    return rcu_dereference(disk->part_tbl)->len;
 }
 
 struct hd_struct *zk_disk_part(struct gendisk *disk, int number)
 {
-    return disk->part_tbl->part[number];
+    return rcu_dereference(rcu_dereference(disk->part_tbl)->part[number]);
 }
 
 sector_t zk_get_capacity(struct gendisk *disk)

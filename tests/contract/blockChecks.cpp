@@ -19,10 +19,10 @@ const char *openDeviceShowsItsDisk(const Environment *environment)
     int number = static_cast<int>(deviceMinor(environment->mounted)) - disk_first_minor(disk);
     REQUIRE(number > 0 && number < disk_minors(disk));
     REQUIRE(static_cast<int>(deviceMinor(bdev_dev(whole))) == disk_first_minor(disk));
-    mutex_lock(bdev_mutex(whole));
+    rcu_read_lock();
     int length = disk_part_tbl_len(disk);
     struct hd_struct *part = number < length ? disk_part(disk, number) : nullptr;
-    mutex_unlock(bdev_mutex(whole));
+    rcu_read_unlock();
     REQUIRE(part != nullptr);
     REQUIRE(part == bdev_part(bdev));
     REQUIRE(part_start_sect(part) > 0);
@@ -66,7 +66,7 @@ const char *partitionsLieInsideTheirDisk(const Environment *environment)
     struct gendisk *disk = bdev_disk(whole);
     unsigned int found = 0;
     sector_t end = 0; // of the last one: they are in the order of the disk
-    mutex_lock(bdev_mutex(whole));
+    rcu_read_lock();
     int length = disk_part_tbl_len(disk);
     bool inside = true;
     for (int number = 1; number < length; number++) {
@@ -77,7 +77,7 @@ const char *partitionsLieInsideTheirDisk(const Environment *environment)
         inside = inside && part_start_sect(part) >= end;
         end = part_start_sect(part) + part_nr_sects(part);
     }
-    mutex_unlock(bdev_mutex(whole));
+    rcu_read_unlock();
     REQUIRE(found == 3);
     REQUIRE(inside);
     REQUIRE(end <= get_capacity(disk));

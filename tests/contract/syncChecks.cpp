@@ -314,31 +314,35 @@ const char *bitsLieLeastSignificantFirst(const Environment *)
 
 struct MutexQuestion {
     struct mutex *lock;
-    int heldByThread;
+    int takenByThread;
     Thread thread;
 };
 
-void askForMutex(void *argument)
+void tryMutex(void *argument)
 {
     auto *question = static_cast<MutexQuestion *>(argument);
-    question->heldByThread = mutex_held_by_current(question->lock);
+    question->takenByThread = mutex_trylock(question->lock);
+    if (question->takenByThread == 1)
+        mutex_unlock(question->lock);
 }
 
-const char *mutexKnowsItsHolder(const Environment *environment)
+const char *mutexIsTakenOnlyIfItIsFree(const Environment *environment)
 {
     static MutexQuestion question;
     question.lock = bdev_mutex(bdev_contains(bdget(environment->mounted)));
-    REQUIRE(mutex_held_by_current(question.lock) == 0);
-    mutex_lock(question.lock);
-    int held = mutex_held_by_current(question.lock);
-    bool started = question.thread.start(askForMutex, &question);
+    REQUIRE(mutex_trylock(question.lock) == 1);
+    int again = mutex_trylock(question.lock);
+    bool started = question.thread.start(tryMutex, &question);
     if (started)
         question.thread.join();
+    int takenWhileHeld = question.takenByThread;
     mutex_unlock(question.lock);
     REQUIRE(started);
-    REQUIRE(held == 1);
-    REQUIRE(question.heldByThread == 0);
-    REQUIRE(mutex_held_by_current(question.lock) == 0);
+    REQUIRE(again == 0);
+    REQUIRE(takenWhileHeld == 0);
+    REQUIRE(question.thread.start(tryMutex, &question));
+    question.thread.join();
+    REQUIRE(question.takenByThread == 1);
     return nullptr;
 }
 
@@ -352,7 +356,7 @@ const struct ContractCheck checks[] = {
     {"locksCountersAndBitsLoseNothing", locksCountersAndBitsLoseNothing},
     {"countersAnswerWhenTheyReachZero", countersAnswerWhenTheyReachZero},
     {"bitsLieLeastSignificantFirst", bitsLieLeastSignificantFirst},
-    {"mutexKnowsItsHolder", mutexKnowsItsHolder},
+    {"mutexIsTakenOnlyIfItIsFree", mutexIsTakenOnlyIfItIsFree},
 };
 
 } // namespace

@@ -7,6 +7,7 @@
 
 #include "kernel/host/blockInternal.h"
 #include "support/backupRun.h"
+#include "support/hookGate.h"
 
 namespace
 {
@@ -188,17 +189,17 @@ TEST_F(BackupClose, NewWritesWaitUntilTheTearDownIsOver)
         backup.holdModuleReads();
         AsyncBio held = backup.writeAsync(3, 1, 0x33);
         ASSERT_TRUE(eventually([&] { return backup.disk.disk().heldCount() == 1; }));
-        struct mutex *tableMutex = bdev_mutex(backup.disk.bdev()->bd_contains);
-        mutex_lock(tableMutex);
+        test::HookGate gate(backup.disk.disk().queue());
         std::atomic<bool> written{false};
         host::Task writer = host::spawn("writer", [&] {
             backup.write(5, 1, 0x55);
             written = true;
         });
         ASSERT_TRUE(fallsAsleep(writer));
+        gate.remove();
         host::Task closer = backup.closeInTask();
         ASSERT_TRUE(eventually([&] { return backupState(loadActiveSession()) == 7; }));
-        mutex_unlock(tableMutex);
+        gate.open();
         ASSERT_TRUE(
             eventually([&] { return atomic_read(&loadActiveSession()->hooksInside) == 1; }));
         ASSERT_TRUE(fallsAsleep(writer));

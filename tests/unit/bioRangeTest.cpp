@@ -4,6 +4,7 @@
 #include <host/block.h>
 
 #include "kernel/host/blockInternal.h"
+#include "kernel/host/internal.h"
 #include "support/backupRun.h"
 
 namespace
@@ -154,25 +155,46 @@ TEST_F(BioRange, PartitionsBeyondTheDisksMinorsAreNotLookedAt)
     });
 }
 
-// Also by a bio of a partition, as it comes when it is too short to be remapped.
-TEST_F(BioRange, ThePartitionTableIsReadUnderItsDisksMutex)
+// Who holds it may wait for this bio. Also by a bio of a partition, as it comes when it is too
+// short to be remapped.
+TEST_F(BioRange, ThePartitionTablesMutexIsNotWaitedFor)
 {
     withModule([](ModuleRun &) {
         test::TestDisk disk;
         struct block_device *whole = host::openDevice(disk.disk().device(0));
+        host::mutex_lock(bdev_mutex(whole));
         for (struct block_device *bdev : {whole, disk.bdev()}) {
-            mutex_lock(bdev_mutex(whole));
-            std::atomic<int> minor{-1};
-            host::Task task = host::spawn("reader", [&] {
-                FreeBio bio(bdev, 63, 0);
-                minor = BIOToMinor(bio);
-            });
-            EXPECT_TRUE(fallsAsleep(task));
-            EXPECT_EQ(minor, -1);
-            mutex_unlock(bdev_mutex(whole));
-            task.join();
+            EXPECT_EQ(BIOToMinor(FreeBio(bdev, 63, 0)), 1);
+            int minor = -1;
+            host::spawn("reader", [&] { minor = BIOToMinor(FreeBio(bdev, 63, 0)); }).join();
             EXPECT_EQ(minor, 1);
         }
+        mutex_unlock(bdev_mutex(whole));
+        host::closeDevice(whole);
+    });
+}
+
+TEST_F(BioRange, ThePartitionTableMayBeReadAnewMeanwhile)
+{
+    forSeeds(100, [](ModuleRun &) {
+        host::DiskOptions options;
+        auto disk = host::Disk::attach(8192, options);
+        ASSERT_TRUE(disk->partition({{1, 63, 1000}, {3, 1063, 500}}));
+        struct block_device *whole = host::openDevice(disk->device(0));
+        std::vector<host::Task> readers;
+        for (sector_t sector : {63, 1063})
+            readers.push_back(host::spawn("reader", [whole, sector] {
+                int minor = sector == 63 ? 1 : 3;
+                for (int i = 0; i < 10; i++) {
+                    int found = BIOToMinor(FreeBio(whole, sector, 512));
+                    EXPECT_TRUE(found == minor || found == 0) << found;
+                }
+            }));
+        for (int i = 0; i < 3; i++)
+            EXPECT_TRUE(disk->rereadPartitions());
+        for (host::Task &reader : readers)
+            reader.join();
+        EXPECT_EQ(BIOToMinor(FreeBio(whole, 1063, 512)), 3);
         host::closeDevice(whole);
     });
 }

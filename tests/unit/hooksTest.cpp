@@ -8,6 +8,7 @@
 
 #include "kernel/host/blockInternal.h"
 #include "support/backupRun.h"
+#include "support/hookGate.h"
 
 namespace
 {
@@ -77,7 +78,7 @@ private:
 };
 
 // The kernel reads partitions, and flushes at the last close, with the mutex held.
-TEST_F(Hooks, ATaskThatHoldsTheMutexItselfDoesNotWaitForIt)
+TEST_F(Hooks, ATaskThatHoldsTheMutexItselfGetsOn)
 {
     withModule([](ModuleRun &run) {
         BackupRun backup(run);
@@ -511,13 +512,13 @@ TEST_F(Hooks, ARecordIsNotFreedUnderAHookThatTookIt)
         AsyncBio held = backup.writeAsync(3, 1, 0x33);
         ASSERT_TRUE(eventually([&] { return backup.disk.disk().heldCount() == 1; }));
         // It enters the hook before the close takes the hook off, and goes on after that.
-        struct mutex *tableMutex = bdev_mutex(backup.disk.bdev()->bd_contains);
-        mutex_lock(tableMutex);
+        test::HookGate gate(backup.disk.disk().queue());
         host::Task writer = host::spawn("writer", [&] { backup.write(5, 1, 0x55); });
         ASSERT_TRUE(fallsAsleep(writer));
+        gate.remove();
         host::Task closer = backup.closeInTask();
         ASSERT_TRUE(eventually([&] { return backupState(loadActiveSession()) == 7; }));
-        mutex_unlock(tableMutex);
+        gate.open();
         ASSERT_TRUE(
             eventually([&] { return atomic_read(&loadActiveSession()->hooksInside) == 1; }));
         ASSERT_TRUE(fallsAsleep(writer));

@@ -40,13 +40,14 @@ SEAM(struct gendisk *, bdev_disk, (struct block_device * bdev));
 SEAM(struct hd_struct *, bdev_part, (struct block_device * bdev));
 SEAM(struct block_device *, bdev_contains, (struct block_device * bdev));
 /* The mutex that guards its opening, closing and partition table. The kernel also holds the whole
- * disk's while it flushes it at its last close and while it reads its partitions, and submits
- * bios meanwhile. */
+ * disk's while it flushes it at its last close and while it reads its partitions: it submits bios
+ * meanwhile, and waits for those of other tasks. */
 SEAM(struct mutex *, bdev_mutex, (struct block_device * bdev));
 
 /* Disks and their partitions. Partition numbers start at 1; disk_part takes those below
- * disk_part_tbl_len and may give NULL. The table is stable while the whole disk's bdev_mutex is
- * held. */
+ * disk_part_tbl_len and may give NULL. Between rcu_read_lock and rcu_read_unlock: the table may
+ * change, unless the whole disk's bdev_mutex is held, but it gets no shorter, and what was in it is
+ * not freed. */
 SEAM(struct request_queue *, disk_queue, (struct gendisk * disk));
 SEAM(int, disk_first_minor, (struct gendisk * disk));
 SEAM(int, disk_minors, (struct gendisk * disk));

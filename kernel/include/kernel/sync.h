@@ -63,11 +63,17 @@ SEAM(void, up_read, (struct rw_semaphore * sem));
 SEAM(void, down_write, (struct rw_semaphore * sem));
 SEAM(void, up_write, (struct rw_semaphore * sem));
 
-/* Mutexes of the kernel's own records. Process context, may sleep, released by the taker. */
-SEAM(void, mutex_lock, (struct mutex * lock));
+/* Mutexes of the kernel's own records. Process context, do not sleep, released by the taker. */
+
+/* Takes it if nobody has it; 1 if it did, 0 if not (the current task may be the one that has it).
+ */
+SEAM(int, mutex_trylock, (struct mutex * lock));
 SEAM(void, mutex_unlock, (struct mutex * lock));
-/* 1 if the current task holds `lock`, else 0. */
-SEAM(int, mutex_held_by_current, (struct mutex * lock));
+
+/* What the kernel takes out of a record guarded by RCU is not freed as long as somebody who could
+ * have found it there is in between these two. Any context; no sleep in between; they nest. */
+SEAM(void, rcu_read_lock, (void));
+SEAM(void, rcu_read_unlock, (void));
 
 /* Spin locks. The holder may not sleep. */
 

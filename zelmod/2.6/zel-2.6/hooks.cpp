@@ -19,10 +19,10 @@ int BIOToMinor(struct bio *bio)
 {
     struct block_device *whole = bdev_contains(bio_bdev(bio));
     struct mutex *lock = bdev_mutex(whole);
-    /* The partition table is stable under it. The kernel itself submits bios while it holds it. */
-    bool mine = mutex_held_by_current(lock) != 0;
-    if (!mine)
-        mutex_lock(lock);
+    /* Keeps the partition table as it is. A task that has it, be it this one, may be waiting for
+     * this bio: so it is not waited for. */
+    bool taken = mutex_trylock(lock) != 0;
+    rcu_read_lock();
     struct gendisk *disk = bdev_disk(whole);
     int minor = disk_first_minor(disk);
     sector_t sector = bio_sector(bio);
@@ -36,7 +36,8 @@ int BIOToMinor(struct bio *bio)
             break;
         }
     }
-    if (!mine)
+    rcu_read_unlock();
+    if (taken)
         mutex_unlock(lock);
     return minor;
 }
