@@ -117,12 +117,6 @@ super_block *errorPointer(int error)
     return reinterpret_cast<super_block *>(static_cast<std::intptr_t>(error));
 }
 
-bool isErrorPointer(const super_block *sb)
-{
-    auto value = reinterpret_cast<std::intptr_t>(sb);
-    return value < 0 && value >= -4095;
-}
-
 // Everything that is dirty on the device, its own buffers included, is durable afterwards, as for a
 // file system that uses barriers.
 int syncAll(block_device *device, super_block *sb)
@@ -372,10 +366,8 @@ int thaw_bdev(block_device *bdev, super_block *sb)
     lockFlag(bdev, &bdev->freezeLocked);
     if (bdev->bd_fsfreeze_count == 0) {
         unlockFlag(bdev, &bdev->freezeLocked);
-        // With what a failed freeze_bdev gave, this is only an error.
-        if (!isErrorPointer(sb))
-            reportViolation("thaw_bdev without freeze_bdev",
-                            deviceName(bdev->bd_dev) + " by " + currentName());
+        reportViolation("thaw_bdev without freeze_bdev",
+                        deviceName(bdev->bd_dev) + " by " + currentName());
         return -KERNEL_EINVAL;
     }
     if (sb != bdev->frozen) {

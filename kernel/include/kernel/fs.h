@@ -7,6 +7,13 @@
 #if !defined(KERNEL_GLUE)
 struct block_device;
 struct super_block;
+
+/* Whether a pointer is none but a negated errno. */
+static inline int IS_ERR(const void *pointer)
+{
+    enum { mostErrors = 4095 };
+    return (uintptr_t)pointer >= -(uintptr_t)mostErrors;
+}
 #endif
 
 /* The super block of the file system mounted on `bdev`, with a reference and its s_umount held for
@@ -19,7 +26,8 @@ SEAM(unsigned long, sb_blocksize, (struct super_block * sb));
 /*
  * Flushes the file system mounted on `bdev` and holds its writers until thaw_bdev. Its last writes
  * have reached the device when it returns. Returns the super block; NULL if nothing is mounted
- * (nothing is frozen then, but thaw_bdev is still owed), or an error pointer.
+ * (nothing is frozen then, but thaw_bdev is still owed); or an error pointer if the file system
+ * refused (nothing is frozen then, and thaw_bdev is not owed).
  */
 SEAM(struct super_block *, freeze_bdev, (struct block_device * bdev));
 /* Lets the writers go on; `sb` is what freeze_bdev returned. */

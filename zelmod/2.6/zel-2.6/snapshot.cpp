@@ -182,8 +182,9 @@ static int takeSnapshot(Backup *b, AutoMapSession *ams)
     current_kernel_time(&before);
     struct super_block *sb = freeze_bdev(bdev);
     current_kernel_time(&frozen);
-    if (sb == NULL) {
-        thaw_bdev(bdev, NULL);
+    if (sb == NULL || IS_ERR(sb)) {
+        if (sb == NULL)
+            thaw_bdev(bdev, NULL);
         printk("<3>%s: freeze_bdev could not freeze the device.%s", command, "\n");
         return ZEL_RESULT_INVALID;
     }
