@@ -15,6 +15,7 @@
 #include "environment.h"
 #include "initramfs.h"
 #include "kernelLog.h"
+#include "partitionScenarios.h"
 #include "selfChecks.h"
 #include "soak.h"
 #include "zelsendScenarios.h"
@@ -260,6 +261,8 @@ int runAll(const Options &options)
             all.push_back(withModule(scenario, std::chrono::seconds(0)));
     for (const Scenario &scenario : scenario::failureScenarios())
         all.push_back(withModule(scenario, timeForFailures));
+    for (vm::GuestScenario &scenario : vm::partitionScenarios())
+        all.push_back(std::move(scenario));
     for (vm::GuestScenario &scenario : vm::zelsendScenarios(options.zel))
         all.push_back(std::move(scenario));
     if (contractChosen(options)) {
