@@ -10,11 +10,12 @@ namespace
 {
 
 const std::regex
-    fault("BUG:|kernel BUG|Oops|WARNING:|INFO: |blocked for more than|scheduling while atomic|"
+    fault("\\bBUG\\b|Oops|WARNING:|INFO: |blocked for more than|scheduling while atomic|"
           "sleeping function called|possible circular locking|possible recursive locking|"
           "inconsistent lock state|possible irq lock|lock held when returning|bad unlock balance|"
-          "slab error|Objects remaining|double free|Bad page|general protection|"
-          "Kernel panic|soft lockup|stack overflow|Unable to handle",
+          "slab error|Slab corruption|Internal list corruption|still has objects|"
+          "Objects remaining|double free|Bad page|general protection|divide error|"
+          "EXT[234]-fs error|Kernel panic|soft lockup|stack overflow|Unable to handle",
           std::regex::optimize);
 
 const std::regex fullTable("BUG: MAX_[A-Z_]+ too low!", std::regex::optimize);

@@ -233,7 +233,14 @@ void findsFaultReports(Environment &)
           "WARNING: at fs/buffer.c:1186 mark_buffer_dirty+0x23/0x72()\n",
           "INFO: task kbackupd:812 blocked for more than 120 seconds.\n",
           "BUG: scheduling while atomic: agent/812/0x00000002\n",
-          "slab error in kmem_cache_destroy(): cache `pages': Can't free all objects\n"})
+          "slab error in kmem_cache_destroy(): cache `pages': Can't free all objects\n",
+          "Slab corruption: size-64 start=f5d4c0a8, len=64\n",
+          "slab: Internal list corruption detected in cache 'pages'(30), slabp f5d4c000(3).\n",
+          "BUG kmalloc-64: Poison overwritten\n",
+          "SLUB pages: kmem_cache_destroy called for cache that still has objects.\n",
+          "[   12.3] divide error: 0000 [#1] SMP\n",
+          "EXT3-fs error (device sda1): ext3_free_blocks_sb: bit already cleared for block 9\n",
+          "EXT4-fs error (device vda1) in ext4_free_blocks: Journal has aborted\n"})
         expect(faultReports(fine + report + fine).lines.size() == 1, "a report: " + report);
     expect(faultReports(fine).lines.empty(), "no report where there is none");
     expect(faultReports("Restarting system.\nWARNING: at smp.c\n").lines.empty(),
