@@ -25,6 +25,26 @@ bool has(const std::string &line, const char *text)
     return line.find(text) != std::string::npos;
 }
 
+bool isOfFileSystem(const std::string &line)
+{
+    return has(line, "j_barrier") || has(line, "s_umount_key");
+}
+
+// Whether the chain of a circle that is reported at `at` goes through no other locks than a freeze's
+// own. The header alone names two of them, and the circle may be closed by any other.
+bool chainIsOfFreeze(const std::vector<std::string> &lines, std::size_t at)
+{
+    bool chain = false;
+    for (std::size_t i = at + 1; i < lines.size() && !has(lines[i], "stack backtrace:"); i++) {
+        if (!has(lines[i], "-> #"))
+            continue;
+        if (!isOfFileSystem(lines[i]) && !has(lines[i], "bd_fsfreeze_mutex"))
+            return false;
+        chain = true;
+    }
+    return chain;
+}
+
 // Whether the report that begins at `at` names just the locks that a freeze of ext3 holds or takes.
 bool isOfAnyFreeze(const std::vector<std::string> &lines, std::size_t at)
 {
@@ -39,13 +59,13 @@ bool isOfAnyFreeze(const std::vector<std::string> &lines, std::size_t at)
         locks++;
         bool expected = circle && locks == 1
                             ? has(lines[i], "bd_fsfreeze_mutex") && has(lines[i], "thaw_bdev")
-                            : has(lines[i], "j_barrier") || has(lines[i], "s_umount_key");
+                            : isOfFileSystem(lines[i]);
         if (!expected)
             return false;
         if (circle && locks == 2)
             break;
     }
-    return locks != 0;
+    return locks != 0 && (!circle || chainIsOfFreeze(lines, at));
 }
 
 } // namespace

@@ -255,10 +255,21 @@ void findsFaultReports(Environment &)
     const std::string barrier = " (&journal->j_barrier){+.+...}, at: [<c10f8e98>] lock_updates\n";
     const std::string own = " (&(&b->writers)->rw){+.+...}, at: [<f823d648>] zelMRF [zelmod]\n";
     const std::string held = "[ BUG: lock held when returning to user space! ]\n";
-    expectEqual(faultReports(circle + thaw + barrier).ofAnyFreeze, 1u, "the kernel's own reports");
-    expect(faultReports(circle + thaw + barrier).lines.empty(), "the kernel's own circle left out");
-    expect(faultReports(circle + own + barrier).lines.size() == 1, "a circle of the module's");
-    expect(faultReports(circle + thaw + own).lines.size() == 1, "another one");
+    const std::string chain = "[ 9.1] -> #1 (&journal->j_barrier){+.+...}:\n"
+                              "[ 9.1] -> #0 (&bdev->bd_fsfreeze_mutex){+.+...}:\n";
+    const std::string ownChain = "[ 9.1] -> #2 (&(&b->writers)->rw){+.+...}:\n" + chain;
+    const std::string end = "[ 9.1] stack backtrace:\n";
+    expectEqual(faultReports(circle + thaw + barrier + chain + end).ofAnyFreeze, 1u,
+                "the kernel's own reports");
+    expect(faultReports(circle + thaw + barrier + chain + end).lines.empty(),
+           "the kernel's own circle left out");
+    expect(faultReports(circle + own + barrier + chain + end).lines.size() == 1,
+           "a circle of the module's");
+    expect(faultReports(circle + thaw + own + chain + end).lines.size() == 1, "another one");
+    expect(faultReports(circle + thaw + barrier + ownChain + end).lines.size() == 1,
+           "a circle that only goes through a lock of the module's");
+    expect(faultReports(circle + thaw + barrier + end).lines.size() == 1,
+           "a circle whose chain is not told");
     expect(faultReports(held + "1 lock held:\n #0: " + barrier).lines.empty(),
            "what a freeze holds left out");
     expect(faultReports(held + "2 locks held:\n #0: " + barrier + " #1: " + own).lines.size() == 1,
