@@ -27,6 +27,14 @@ void Storm::awaitWrites(unsigned more)
     }
 }
 
+void Storm::awaitStandstill(unsigned microseconds)
+{
+    for (unsigned before = writes_ + 1; before != writes_;) {
+        before = writes_;
+        env_.pause(microseconds);
+    }
+}
+
 void Storm::end()
 {
     stop_ = true;

@@ -22,6 +22,8 @@ public:
 
     // Waits until this many more writes have ended; throws if a writer gave up.
     void awaitWrites(unsigned more);
+    // Waits until no write has ended for so long, as where something below holds all writers.
+    void awaitStandstill(unsigned microseconds);
     // Waits for the writers; throws what one of them threw.
     void end();
 

@@ -5,6 +5,7 @@
  */
 #include "soak.h"
 
+#include <atomic>
 #include <cstdio>
 
 #include "kernelUse.h"
@@ -127,17 +128,22 @@ constexpr void (*endings[])(const Backup &) = {readAll, closeWithWritesHeld, kil
                                                leaveAlone};
 constexpr unsigned kinds = std::size(endings);
 
-// Tasks sleep inside the module's hook, since the queue below it is full, when the module goes.
-void unloadWithSleepersInside(Environment &env)
+// Tasks sleep inside the module's hook, since the queue below it is full, when the module goes: its
+// unload ends after they have left, and not before.
+void unloadWithSleepersInside(Environment &env, Storm &storm)
 {
-    constexpr unsigned aWhile = 100000; // microseconds
+    constexpr unsigned aWhile = 500000; // microseconds; enough for an unload that nothing delays
+    std::atomic<bool> unloaded{false};
     std::unique_ptr<scenario::Environment::Background> unloading;
     {
         HeldDisk held(env.disk(), Disk::Hold::all);
+        storm.awaitStandstill(aWhile);
+        unloading = env.start([&] {
+            expectEqual(env.unload(), 0, "the result of unloading with a held disk");
+            unloaded = true;
+        });
         env.pause(aWhile);
-        unloading = env.start(
-            [&] { expectEqual(env.unload(), 0, "the result of unloading with a held disk"); });
-        env.pause(aWhile);
+        expect(!unloaded, "an unload that waits for the tasks inside the hook");
     }
     unloading->join();
 }
@@ -153,7 +159,7 @@ void cycle(Environment &env, Storm &storm, unsigned number)
     endings[number % kinds]({env, storm, device, keys[device]});
     storm.awaitWrites(fewWrites);
     if (number % 2 == 0)
-        unloadWithSleepersInside(env);
+        unloadWithSleepersInside(env, storm);
     else
         expectEqual(env.unload(), 0, "the result of unloading under load");
 }
