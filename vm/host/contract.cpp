@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <optional>
 
 #include <fcntl.h>
@@ -34,25 +32,6 @@ void require(bool condition, const std::string &what)
     if (!condition)
         throw std::runtime_error("the guest: " + what + " failed");
 }
-
-// What has been printed to the console since the last look.
-class Console
-{
-public:
-    explicit Console(std::string path) : path_(std::move(path)) {}
-    std::string news()
-    {
-        std::ifstream in(path_, std::ios::binary);
-        in.seekg(at_);
-        std::string text{std::istreambuf_iterator<char>(in), {}};
-        at_ += static_cast<std::streamoff>(text.size());
-        return text;
-    }
-
-private:
-    const std::string path_;
-    std::streamoff at_ = 0;
-};
 
 // A process of the guest that calls the checks.
 class Caller
@@ -122,7 +101,8 @@ class Boot
 {
 public:
     explicit Boot(const Setting &setting)
-        : console_(setting.console), environment_(setting, layout), worker_(environment_.guest())
+        : setting_(setting), console_(setting.console), environment_(setting, layout),
+          worker_(environment_.guest())
     {
         for (unsigned index : {unmounted, closed})
             environment_.giveUp(index);
@@ -141,8 +121,7 @@ public:
     std::string reports()
     {
         FaultReports reports = faultReports(console_.news());
-        if (reports.ofAnyFreeze != 0)
-            std::printf("note: the kernel's lock checking ended at its own report of a freeze\n");
+        printNotes(reports);
         return describe(reports);
     }
 
@@ -150,7 +129,7 @@ public:
     std::string lost(const std::string &reason)
     {
         environment_.guest().showBlockedTasks();
-        return reason + "; the end of the kernel log:\n" + lastLines(console_.news(), 60);
+        return reason + endOfLogs(setting_.console, setting_.emulatorLog);
     }
 
     std::string end()
@@ -163,7 +142,8 @@ public:
     }
 
 private:
-    Console console_;
+    const Setting &setting_;
+    ConsoleReader console_;
     Environment environment_;
     Worker worker_;
     std::optional<Caller> caller_;
@@ -212,9 +192,8 @@ void runContract(const ContractRun &run)
         try {
             next = runSome(run, *next);
         } catch (const std::exception &failure) {
-            std::string log = lastLines(Console(run.setting.console).news(), 40);
             run.report({std::string(contractPrefix) + "boots",
-                        std::string(failure.what()) + "; the end of the kernel log:\n" + log,
+                        failure.what() + endOfLogs(run.setting.console, run.setting.emulatorLog),
                         {}});
             next = {};
         }

@@ -1,5 +1,8 @@
 #include "kernelLog.h"
 
+#include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
 
@@ -30,8 +33,13 @@ bool isOfFileSystem(const std::string &line)
     return has(line, "j_barrier") || has(line, "s_umount_key");
 }
 
-// Whether the chain of a circle that is reported at `at` goes through no other locks than a freeze's
-// own. The header alone names two of them, and the circle may be closed by any other.
+std::string readFrom(std::ifstream &in)
+{
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// Whether the chain of a circle that is reported at `at` goes through no other locks than a
+// freeze's own. The header alone names two of them, and the circle may be closed by any other.
 bool chainIsOfFreeze(const std::vector<std::string> &lines, std::size_t at)
 {
     bool chain = false;
@@ -99,12 +107,42 @@ std::string describe(const FaultReports &reports)
     return text;
 }
 
+void printNotes(const FaultReports &reports)
+{
+    if (reports.ofAnyFreeze != 0)
+        std::printf("note: the kernel's lock checking ended at its own report of a freeze\n");
+    if (reports.ofFullTables != 0)
+        std::printf("note: the kernel's lock checking ended with its tables full\n");
+}
+
 std::string lastLines(const std::string &log, unsigned count)
 {
     std::size_t at = log.size();
     for (unsigned i = 0; i <= count && at != std::string::npos && at != 0; i++)
         at = log.rfind('\n', at - 1);
     return at == std::string::npos || at == 0 ? log : log.substr(at + 1);
+}
+
+std::string endOfLogs(const std::string &console, const std::string &emulatorLog)
+{
+    constexpr unsigned lines = 60;
+    std::ifstream kernel(console, std::ios::binary);
+    std::ifstream emulator(emulatorLog, std::ios::binary);
+    std::string text = "; the end of the kernel log:\n" + lastLines(readFrom(kernel), lines);
+    std::string messages = readFrom(emulator);
+    if (!messages.empty())
+        text += "\n    the emulator says:\n" + lastLines(messages, lines);
+    return text;
+}
+
+std::string ConsoleReader::news()
+{
+    std::ifstream in(path_, std::ios::binary);
+    in.seekg(at_);
+    std::string text = readFrom(in);
+    text.resize(text.rfind('\n') + 1);
+    at_ += static_cast<std::streamoff>(text.size());
+    return text;
 }
 
 } // namespace vm

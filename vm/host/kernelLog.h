@@ -1,7 +1,9 @@
 /* Looks through what a kernel has printed for reports of something wrong. */
 #pragma once
 
+#include <ios>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vm
@@ -24,7 +26,28 @@ FaultReports faultReports(const std::string &log);
 // All of them as one problem; empty if there are none.
 std::string describe(const FaultReports &reports);
 
+// Says on standard output what was left out of them.
+void printNotes(const FaultReports &reports);
+
 // The last so many lines.
 std::string lastLines(const std::string &log, unsigned count);
+
+// What may tell why a guest is lost, to follow the reason: the last lines of the file of what its
+// kernel printed, and of the emulator's own messages if there are any.
+std::string endOfLogs(const std::string &console, const std::string &emulatorLog);
+
+// Reads the file of what a kernel prints, bit by bit.
+class ConsoleReader
+{
+public:
+    explicit ConsoleReader(std::string path) : path_(std::move(path)) {}
+    // The lines that have ended since the last look. One that has not is for the next look, as a
+    // report of a fault is known by a whole line.
+    std::string news();
+
+private:
+    const std::string path_;
+    std::streamoff at_ = 0;
+};
 
 } // namespace vm

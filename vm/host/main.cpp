@@ -144,8 +144,7 @@ std::string runInGuest(const vm::Setting &setting, const vm::GuestScenario &scen
             scenario.run(environment);
         } catch (const vm::GuestLost &lost) {
             environment.guest().showBlockedTasks();
-            return std::string(lost.what()) + "; the end of the kernel log:\n" +
-                   vm::lastLines(contentsOf(setting.console), 60);
+            return lost.what() + vm::endOfLogs(setting.console, setting.emulatorLog);
         } catch (const std::exception &failure) {
             problem = failure.what();
         }
@@ -153,14 +152,10 @@ std::string runInGuest(const vm::Setting &setting, const vm::GuestScenario &scen
             problem = environment.end();
     } catch (const std::exception &failure) {
         if (problem.empty())
-            problem = std::string(failure.what()) + "; the end of the kernel log:\n" +
-                      vm::lastLines(contentsOf(setting.console), 40);
+            problem = failure.what() + vm::endOfLogs(setting.console, setting.emulatorLog);
     }
     vm::FaultReports reports = vm::faultReports(contentsOf(setting.console));
-    if (reports.ofAnyFreeze != 0)
-        std::printf("note: the kernel's lock checking ended at its own report of a freeze\n");
-    if (reports.ofFullTables != 0)
-        std::printf("note: the kernel's lock checking ended with its tables full\n");
+    vm::printNotes(reports);
     std::string reported = vm::describe(reports);
     return problem.empty() || reported.empty() ? problem + reported : problem + "\n    " + reported;
 }
@@ -180,8 +175,8 @@ public:
         vm::writeInitramfs(setting_.initramfs, {{"init", contentsOf(options.guest)},
                                                 {"zelsend", contentsOf(options.zelsend)},
                                                 {"zelmod.ko", setting_.module}});
-        std::filesystem::remove(setting_.emulatorLog);
-        std::ofstream(setting_.console, std::ios::trunc);
+        for (const std::string &path : {setting_.console, setting_.emulatorLog})
+            std::ofstream(path, std::ios::trunc);
         log_.open("console.log", std::ios::trunc);
     }
 
@@ -224,11 +219,14 @@ public:
     const Totals &totals() const { return totals_; }
 
 private:
-    // For the next boot the console is empty, even if that one does not come to pass.
+    // For the next boot the logs are empty, even if that one does not come to pass.
     void keepConsole(const std::string &name)
     {
-        log_ << "=== " << name << '\n' << contentsOf(setting_.console) << std::flush;
-        std::ofstream(setting_.console, std::ios::trunc);
+        log_ << "=== " << name << '\n';
+        for (const std::string &path : {setting_.console, setting_.emulatorLog}) {
+            log_ << contentsOf(path) << std::flush;
+            std::ofstream(path, std::ios::trunc);
+        }
     }
 
     void report(const std::string &name, const std::string &problem,

@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -20,6 +22,11 @@ namespace
 using scenario::expect;
 using scenario::expectEqual;
 using scenario::Image;
+
+bool has(const std::string &text, const char *part)
+{
+    return text.find(part) != std::string::npos;
+}
 
 void freezeAndThaw(Environment &env, unsigned index)
 {
@@ -276,6 +283,28 @@ void findsFaultReports(Environment &)
            "what the module holds");
 }
 
+// A console is read bit by bit, and what tells of a lost guest has the emulator's messages.
+void readsLogs(Environment &)
+{
+    const std::string consoleFile = "selfCheck.console";
+    const std::string emulatorFile = "selfCheck.emulator";
+    std::ofstream console(consoleFile, std::ios::trunc);
+    ConsoleReader reader(consoleFile);
+    console << "[ 1.2] Bringing up CPUs\n[ 9.1] BU" << std::flush;
+    expect(faultReports(reader.news()).lines.empty(), "no report in the lines so far");
+    console << "G: spinlock bad magic on CPU#0\n" << std::flush;
+    expectEqual(faultReports(reader.news()).lines.size(), 1u, "the reports with that in two bits");
+    expect(reader.news().empty(), "no line to be read twice");
+
+    std::filesystem::remove(emulatorFile);
+    std::string without = endOfLogs(consoleFile, emulatorFile);
+    expect(has(without, "spinlock bad magic"), "the end of the kernel's log");
+    expect(!has(without, "emulator"), "no word of an emulator that has said nothing");
+    std::ofstream(emulatorFile) << "could not load kernel\n";
+    expect(has(endOfLogs(consoleFile, emulatorFile), "could not load kernel"),
+           "the emulator's message");
+}
+
 } // namespace
 
 std::vector<GuestScenario> selfChecks()
@@ -293,6 +322,7 @@ std::vector<GuestScenario> selfChecks()
         {"EnvironmentNoticesHowProgramsEnd", {}, noticesHowProgramsEnd},
         {"EnvironmentCountsWhatIsInUse", {}, countsWhatIsInUse},
         {"EnvironmentFindsFaultReports", {}, findsFaultReports},
+        {"EnvironmentReadsLogs", {}, readsLogs},
     };
 }
 
