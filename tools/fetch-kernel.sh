@@ -3,6 +3,7 @@
 # with, as packages that are unpacked and never installed:
 #
 #   build/cache/linux-6.1/root/     the packages' files: image, modules, headers, build tools
+#   build/cache/linux-6.1/vmlinux   the kernel out of its image: an emulator starts it sooner
 #   build/cache/linux-6.1/release   the kernel's release, such as 6.1.0-9-686-pae
 #
 # Looks whether there is a newer one if the last look is a day old, and does with what is there if
@@ -62,11 +63,27 @@ isComplete()
     done
 }
 
+# The image begins with a small program, which tells in its header where the packed kernel is. The
+# last four bytes of that are its unpacked length.
+unpackKernel()
+{
+    local image=$1 begin length
+    number()
+    {
+        od -An -t "u$2" -j "$1" -N "$2" "$image"
+    }
+    begin=$((($(number 0x1f1 1) + 1) * 512 + $(number 0x248 4)))
+    length=$(($(number 0x24c 4) - 4))
+    dd if="$image" iflag=skip_bytes,count_bytes skip="$begin" count="$length" bs=1M status=none |
+        xz -dc >"$2"
+}
+
+command -v xz >/dev/null || fail "xz is missing: tools/setup.sh xz-utils"
 mkdir -p "$(dirname "$cache")"
 exec {lock}>"$cache.lock"
 flock "$lock"
 had=
-if [ -f "$cache/release" ]; then
+if [ -f "$cache/release" ] && [ -f "$cache/vmlinux" ]; then
     [ -n "$(find "$cache/release" -mmin "+$day")" ] || exit 0
     had=$(cat "$cache/release")
 fi
@@ -80,6 +97,8 @@ attempts=3
 if fetchPackages "$work" "$attempts" namePackages; then
     if [ "$release" != "$had" ]; then
         isComplete "$work/root" >"$work/log" || fail "$(cat "$work/log"); they are not as expected"
+        unpackKernel "$work/root/boot/vmlinuz-$release" "$work/vmlinux" ||
+            fail "cannot unpack the image of kernel $release (xz's message above)"
         rm "$work"/{log,names}
         echo "$release" >"$work/release"
         rm -rf "$cache"

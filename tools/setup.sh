@@ -12,6 +12,7 @@ packages=(
     googletest libbenchmark-dev clang-format    # tests, benchmarks, style
     e2fsprogs libext2fs-dev comerr-dev          # the machine's real file system
     libcli11-dev nlohmann-json3-dev libzstd-dev libxxhash-dev # zel
+    xz-utils                                    # unpacks a kernel's image
     "$@"
 )
 muslDirectory=build/cache/musl-i386

@@ -45,6 +45,18 @@ linux-headers-*)
         "  Depends: linux-kbuild-6.1" "  Depends: linux-compiler-gcc-12-x86" ;;
 esac
 STUB
+# An image: one sector, another one with the header's fields, then the packed kernel and its length.
+makeImage()
+{
+    head -c 497 /dev/zero
+    printf '\001'
+    head -c 86 /dev/zero
+    printf '\010\0\0\0\104\0\0\0'
+    head -c $((512 * 2 + 8 - 592)) /dev/zero
+    xz --check=crc32 -0 -c <<<"the kernel" # 64 bytes
+    printf '\013\0\0\0'
+}
+
 # $mirror/broken, $mirror/partial: the name of a package that cannot be unpacked, or has no files.
 cat >"$tree/bin/dpkg" <<'STUB'
 #!/bin/bash
@@ -59,8 +71,10 @@ linux-headers-*) file=usr/src/$name/Module.symvers ;;
 linux-kbuild-*) file=usr/lib/$name/scripts/mod/modpost ;;
 esac
 install -D /dev/null "$3/$file"
-[[ $name != linux-image-* ]] ||
+[[ $name != linux-image-* ]] || {
     install -D /dev/null "$3/lib/modules/${name#linux-image-}/kernel/fs/ext4/ext4.ko"
+    cp "$mirror/image" "$3/$file"
+}
 STUB
 printf '#!/bin/sh\n' >"$tree/bin/sleep"
 chmod +x "$tree/bin/"*
@@ -74,6 +88,7 @@ newMirror()
     echo 0 >"$mirror/refused"
     echo 6.1.0-9-686-pae >"$mirror/release"
     touch "$mirror/calls" "$mirror/broken" "$mirror/partial"
+    makeImage >"$mirror/image"
 }
 
 problem()
@@ -97,7 +112,8 @@ expect()
     [ "$(cat "$cache/release" 2>/dev/null || true)" = "$release" ] || problem "the cache is not of '$release'"
     if [ -n "$release" ]; then
         [ -f "$cache/root/boot/vmlinuz-$release" ] || problem "$release is not in the cache"
-        [ "$(ls "$cache")" = release$'\n'root ] || problem "in the cache: $(ls "$cache")"
+        [ "$(cat "$cache/vmlinux")" = "the kernel" ] || problem "the kernel is not unpacked"
+        [ "$(ls "$cache")" = release$'\n'root$'\n'vmlinux ] || problem "in the cache: $(ls "$cache")"
     fi
     [ "$(ls -d "$cache"* | grep -v -e "^$cache$" -e "lock$" || true)" = "" ] || problem "left $(ls "$cache"*)"
     [ "$(awk '{ printf "%s ", $2 }' "$mirror/calls")" = "${calls:+$calls }" ] ||
@@ -170,6 +186,11 @@ for package in linux-image-6.1.0-9-686-pae linux-kbuild-6.1; do
     echo $package >"$mirror/partial"
     expect failure "" "update download" "the packages of kernel 6.1.0-9-686-pae have no /"
 done
+
+case="a damaged image"
+newMirror
+makeImage | tr e E >"$mirror/image"
+expect failure "" "update download" "cannot unpack the image of kernel 6.1.0-9-686-pae"
 
 case="no network and nothing there"
 newMirror
