@@ -3,10 +3,12 @@
  * told to the driver when the kernel has closed all that it held.
  */
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/reboot.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +25,28 @@ void fail(const char *what)
         pause();
 }
 
+namespace
+{
+
+// What of the kernel is not built in; there is no list where all is.
+void loadModules()
+{
+    FILE *list = fopen("/modules/list", "r");
+    if (list == nullptr)
+        return;
+    char path[128];
+    while (fgets(path, sizeof(path), list) != nullptr) {
+        path[strcspn(path, "\n")] = 0;
+        int file = open(path, O_RDONLY);
+        if (file < 0 || syscall(SYS_finit_module, file, "", 0) != 0)
+            fail(path);
+        close(file);
+    }
+    fclose(list);
+}
+
+} // namespace
+
 } // namespace vm
 
 int main(int arguments, char **argument)
@@ -34,6 +58,7 @@ int main(int arguments, char **argument)
         fail("mounting /proc");
     if (mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0)
         fail("mounting /sys");
+    loadModules();
     Shared shared = openShared();
 
     int child = fork();

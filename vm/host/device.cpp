@@ -4,7 +4,7 @@
 
 #include "blockContents.h"
 #include "disk.h"
-#include "ext3File.h"
+#include "extFile.h"
 
 namespace vm
 {

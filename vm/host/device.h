@@ -19,9 +19,9 @@ namespace vm
  * The device's file belongs to the scenarios: its blocks from the first run of many on are the
  * places that they write to. All other blocks are the file system's own.
  *
- * An ext3 file system marks its superblock when it is frozen and again when it is thawed, each as
- * the last and the first thing that it writes. So the disk itself tells when the point in time of
- * a snapshot was.
+ * An ext3 or ext4 file system marks its superblock when it is frozen and again when it is thawed,
+ * each as the last and the first thing that it writes. So the disk itself tells when the point in
+ * time of a snapshot was.
  */
 class Device
 {

@@ -9,7 +9,7 @@
 #include <stdexcept>
 
 #include "disk.h"
-#include "ext3File.h"
+#include "extFile.h"
 
 namespace vm
 {
@@ -40,9 +40,22 @@ bool runTool(const std::string &command)
                ("PATH=$PATH:/usr/sbin:/sbin " + command + " >e2fsprogs.log 2>&1").c_str()) == 0;
 }
 
-// A file system of this many blocks, with a file of `fileBlocks` blocks if there are any.
-std::vector<unsigned char> makeFileSystem(unsigned blockSize, std::uint32_t blocks,
-                                          std::uint32_t fileBlocks)
+// What mke2fs puts into a file system of this kind. Of ext4 it is what it always has, and all that
+// is left to the kernel otherwise is done at once: a kernel that does it while scenarios run is one
+// more writer.
+std::string featuresOf(const std::string &fileSystem)
+{
+    const std::string common = "none,has_journal,filetype,sparse_super,large_file";
+    if (fileSystem == "ext3")
+        return common;
+    return common + ",ext_attr,dir_index,extent,flex_bg,huge_file,extra_isize,64bit,metadata_csum"
+                    " -E lazy_itable_init=0,lazy_journal_init=0";
+}
+
+// A file system of this many blocks, with a file of `fileBlocks` blocks if there are any. Empty if
+// there is no room for that.
+std::vector<unsigned char> makeFileSystem(const std::string &fileSystem, unsigned blockSize,
+                                          std::uint32_t blocks, std::uint32_t fileBlocks)
 {
     namespace fs = std::filesystem;
     fs::remove(imageFile);
@@ -57,17 +70,19 @@ std::vector<unsigned char> makeFileSystem(unsigned blockSize, std::uint32_t bloc
     }
     options += " -b " + std::to_string(blockSize);
     options += " -J size=" + std::to_string(journalBlocks * blockSize / (1024 * 1024));
-    std::string command = "mke2fs -q -F -t ext3 -m 0 -N 16"
-                          " -O none,has_journal,filetype,sparse_super,large_file";
+    std::string command =
+        "mke2fs -q -F -t " + fileSystem + " -m 0 -N 16 -O " + featuresOf(fileSystem);
     command += options + " " + imageFile + " ";
     command += std::to_string(std::uint64_t{blocks} * blockSize / 1024) + "k";
-    if (!runTool(command))
+    if (runTool(command))
+        return contentsOf(imageFile);
+    if (fileBlocks == 0)
         throw std::runtime_error("failed: " + command);
-    return contentsOf(imageFile);
+    return {};
 }
 
-// The size of the largest file that fits into this many blocks, with the blocks that hold its block
-// numbers.
+// The size of the largest file of ext3 that fits into this many blocks, with the blocks that hold
+// its block numbers.
 std::uint32_t largestFile(std::uint32_t freeBlocks, unsigned blockSize)
 {
     std::uint32_t numbers = blockSize / 4; // in a block
@@ -82,6 +97,24 @@ std::uint32_t largestFile(std::uint32_t freeBlocks, unsigned blockSize)
     while (all(blocks) > freeBlocks)
         blocks--;
     return blocks;
+}
+
+// Makes the volume's file system, with a file that fills it up to the last block.
+std::vector<unsigned char> fill(Volume &volume, const std::string &fileSystem)
+{
+    constexpr unsigned attempts = 4; // ext4 may need a block for what it knows of the file
+    std::uint32_t free = freeBlocks(makeFileSystem(fileSystem, volume.blockSize, volume.blocks, 0));
+    std::uint32_t most = fileSystem == "ext3" ? largestFile(free, volume.blockSize) : free;
+    for (unsigned i = 0; i < attempts; i++) {
+        std::vector<unsigned char> contents =
+            makeFileSystem(fileSystem, volume.blockSize, volume.blocks, most - i);
+        if (contents.empty())
+            continue;
+        volume.fileBlocks = firstFilesBlocks(contents);
+        if (volume.fileBlocks.size() == most - i && volume.fileBlocks.back() == volume.blocks - 1)
+            return contents;
+    }
+    throw std::runtime_error("the file does not fill its file system");
 }
 
 // One entry of a master boot record.
@@ -119,7 +152,7 @@ bool soundFileSystem(const std::vector<unsigned char> &contents)
     return out && runTool(std::string("e2fsck -fn ") + imageFile);
 }
 
-DiskImage makeDiskImage(const scenario::Layout &layout)
+DiskImage makeDiskImage(const scenario::Layout &layout, const std::string &fileSystem)
 {
     DiskImage image;
     std::uint64_t first = layout.partitioned ? firstSector : 0;
@@ -135,12 +168,7 @@ DiskImage makeDiskImage(const scenario::Layout &layout)
         volume.blocks = static_cast<std::uint32_t>(volume.sectors * sectorBytes / blockSize);
         next += volume.sectors;
 
-        std::uint32_t most =
-            largestFile(freeBlocks(makeFileSystem(blockSize, volume.blocks, 0)), blockSize);
-        std::vector<unsigned char> contents = makeFileSystem(blockSize, volume.blocks, most);
-        volume.fileBlocks = firstFilesBlocks(contents);
-        if (volume.fileBlocks.size() != most || volume.fileBlocks.back() != volume.blocks - 1)
-            throw std::runtime_error("the file does not fill its file system");
+        std::vector<unsigned char> contents = fill(volume, fileSystem);
         image.bytes.resize(static_cast<std::size_t>(next * sectorBytes));
         std::copy(contents.begin(), contents.end(),
                   image.bytes.begin() +

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "scenario/scenario.h"
@@ -9,8 +10,8 @@
 namespace vm
 {
 
-// A device of the disk: a partition, or the whole disk, with an ext3 file system that one file
-// fills up to the last block.
+// A device of the disk: a partition, or the whole disk, with a file system that one file fills
+// up to the last block.
 struct Volume {
     unsigned partition = 0; // 0: the whole disk
     std::uint64_t startSector = 0;
@@ -32,8 +33,8 @@ constexpr const char *volumeFile = "data";
 // its log in the current folder.
 bool soundFileSystem(const std::vector<unsigned char> &contents);
 
-// Each device has the layout's size and, above it, what a journal takes. Needs mke2fs, and makes
-// files in the current folder.
-DiskImage makeDiskImage(const scenario::Layout &layout);
+// Each device has the layout's size and, above it, what a journal takes. `fileSystem` is "ext3" or
+// "ext4". Needs mke2fs, and makes files in the current folder.
+DiskImage makeDiskImage(const scenario::Layout &layout, const std::string &fileSystem);
 
 } // namespace vm

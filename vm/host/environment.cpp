@@ -73,7 +73,7 @@ private:
 
 Environment::Environment(const Setting &setting, const scenario::Layout &layout) : setting_(setting)
 {
-    DiskImage image = makeDiskImage(layout);
+    DiskImage image = makeDiskImage(layout, setting.fileSystem);
     for (const Volume &volume : image.volumes)
         devices_.push_back(std::make_unique<Device>(volume, image.bytes));
     disk_ = std::make_unique<Disk>(std::move(image.bytes));
@@ -135,8 +135,13 @@ void Environment::mountAll(Worker &worker)
         require(worker.makeNode(node(i), S_IFBLK, deviceMajor(number), deviceMinor(number)),
                 "mknod");
         require(worker.makeFolder(folder(i)), "mkdir");
-        require(worker.mount(node(i), folder(i), "ext3", "data=ordered"), "mount");
+        require(mount(worker, i), "mount");
     }
+}
+
+int Environment::mount(Worker &worker, unsigned index)
+{
+    return worker.mount(node(index), folder(index), setting_.fileSystem, "data=ordered");
 }
 
 std::string Environment::node(unsigned index) const

@@ -27,6 +27,7 @@ struct Setting {
     std::string modulePath; // in the guest
     std::string module;     // what is there
     std::string diskKind;   // as GuestOptions has it
+    std::string fileSystem; // "ext3" or "ext4"
     std::string console;
     std::string emulatorLog;
     std::chrono::seconds timeout{300};
@@ -48,6 +49,8 @@ public:
     // The device's node and where it is mounted, in the guest.
     std::string node(unsigned index) const;
     std::string folder(unsigned index) const;
+    // Mounts it as it is mounted at the beginning; a negated errno if that fails.
+    int mount(Worker &worker, unsigned index);
     // What the device has now.
     scenario::Image contents(unsigned index) const;
     // As Device has them.
@@ -95,7 +98,7 @@ public:
     {
         return devices_.at(index)->ownWrites();
     }
-    std::uint32_t blocksChangedByThaw() const override { return 1; } // ext3's superblock
+    std::uint32_t blocksChangedByThaw() const override { return 1; } // the superblock
     const scenario::Image &frozen(unsigned index) const override
     {
         return devices_.at(index)->frozen();

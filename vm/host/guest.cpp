@@ -14,12 +14,17 @@ namespace
 constexpr const char *bellSocket = "bell.socket";
 constexpr unsigned endMilliseconds = 20000;
 
-// Each slab cache by itself, so that the kernel tells what is in it. And a steady tick: where the
+// Each slab cache by itself, so that the kernel tells what is in it. A steady tick: where the
 // emulator gets too little of its processor, a kernel with high resolution takes the timer for slow
-// and in the end lets every sleep take a quarter of a second.
+// and in the end lets every sleep take a quarter of a second; and for that reason patience with
+// processors that do not get on. The kernel mapped in user space, too, as the debugger looks
+// through the eyes of whatever runs. The rest only saves time at the start. An old kernel takes no
+// notice of what it does not know.
 const std::string commandLine =
-    "console=ttyS0 panic=1 oops=panic i8042.noaux=1 i8042.nokbd=1 no_timer_check highres=off "
-    "slub_nomerge ";
+    "console=ttyS0 panic=1 oops=panic slub_nomerge no_timer_check highres=off nohz=off "
+    "watchdog_thresh=60 "
+    "rcupdate.rcu_cpu_stall_timeout=120 nopti i8042.noaux=1 i8042.nokbd=1 noisapnp "
+    "cryptomgr.notests apparmor=0 audit=0 ";
 
 Guest *theGuest = nullptr;
 

@@ -63,7 +63,7 @@ private:
 void writeInitramfs(const std::string &path, const std::vector<GuestFile> &files)
 {
     Archive archive;
-    for (const char *folder : {"dev", "proc", "sys", "mnt"})
+    for (const char *folder : {"dev", "proc", "sys", "mnt", "modules"})
         archive.add(folder, S_IFDIR | 0755);
     archive.add("dev/console", S_IFCHR | 0600, "", 5, 1);
     archive.add("dev/null", S_IFCHR | 0666, "", 1, 3);

@@ -15,6 +15,7 @@
 #include "environment.h"
 #include "initramfs.h"
 #include "kernelLog.h"
+#include "kernelModules.h"
 #include "partitionScenarios.h"
 #include "selfChecks.h"
 #include "soak.h"
@@ -27,6 +28,8 @@ using scenario::Scenario;
 
 struct Options {
     std::string kernel;
+    std::string kernelModules;       // the folder of what of it is not built in, if that matters
+    std::string fileSystem = "ext3"; // or "ext4"
     std::string module;
     std::string guest;
     std::string zelsend;
@@ -37,6 +40,11 @@ struct Options {
     unsigned timeout = 300;         // seconds, for each scenario
     unsigned cycles = 5;            // of the module's load and unload in one boot
 };
+
+// What a scenario needs of the kernel, if it is not built in. ext4 looks for the checksum by
+// itself.
+const std::vector<std::string> neededModules = {"virtio_pci", "virtio_blk",     "ata_piix",
+                                                "sd_mod",     "crc32c_generic", "ext4"};
 
 struct Totals {
     unsigned passed = 0;
@@ -55,7 +63,8 @@ std::string contentsOf(const std::string &path)
 [[noreturn]] void usage()
 {
     std::cerr << "usage: vm_scenarios --kernel FILE --module FILE --guest FILE --zelsend FILE\n"
-                 "                    --zel FILE --folder FOLDER [--disk ide|virtio]...\n"
+                 "                    --zel FILE --folder FOLDER [--kernel-modules FOLDER]\n"
+                 "                    [--file-system ext3|ext4] [--disk ide|virtio]...\n"
                  "                    [--timeout SECONDS] [--cycles COUNT] [NAME...]\n";
     std::exit(2);
 }
@@ -63,11 +72,18 @@ std::string contentsOf(const std::string &path)
 Options parse(int count, char **arguments)
 {
     const option known[] = {
-        {"kernel", required_argument, nullptr, 'k'}, {"module", required_argument, nullptr, 'm'},
-        {"guest", required_argument, nullptr, 'g'},  {"zelsend", required_argument, nullptr, 's'},
-        {"zel", required_argument, nullptr, 'z'},    {"folder", required_argument, nullptr, 'f'},
-        {"disk", required_argument, nullptr, 'd'},   {"timeout", required_argument, nullptr, 't'},
-        {"cycles", required_argument, nullptr, 'c'}, {},
+        {"kernel", required_argument, nullptr, 'k'},
+        {"module", required_argument, nullptr, 'm'},
+        {"guest", required_argument, nullptr, 'g'},
+        {"zelsend", required_argument, nullptr, 's'},
+        {"zel", required_argument, nullptr, 'z'},
+        {"folder", required_argument, nullptr, 'f'},
+        {"disk", required_argument, nullptr, 'd'},
+        {"timeout", required_argument, nullptr, 't'},
+        {"cycles", required_argument, nullptr, 'c'},
+        {"kernel-modules", required_argument, nullptr, 'K'},
+        {"file-system", required_argument, nullptr, 'F'},
+        {},
     };
     Options options;
     std::map<int, std::string *> texts = {{'k', &options.kernel}, {'m', &options.module},
@@ -81,6 +97,10 @@ Options parse(int count, char **arguments)
             options.timeout = static_cast<unsigned>(std::atoi(optarg));
         else if (found == 'c')
             options.cycles = static_cast<unsigned>(std::atoi(optarg));
+        else if (found == 'K')
+            options.kernelModules = std::filesystem::absolute(optarg);
+        else if (found == 'F')
+            options.fileSystem = optarg;
         else if (texts.count(found) != 0)
             *texts[found] = std::filesystem::absolute(optarg);
         else
@@ -172,9 +192,13 @@ public:
         setting_.timeout = std::chrono::seconds(options.timeout);
         setting_.module = contentsOf(options.module);
         setting_.modulePath = "/zelmod.ko";
-        vm::writeInitramfs(setting_.initramfs, {{"init", contentsOf(options.guest)},
-                                                {"zelsend", contentsOf(options.zelsend)},
-                                                {"zelmod.ko", setting_.module}});
+        setting_.fileSystem = options.fileSystem;
+        files_ = {{"init", contentsOf(options.guest)}};
+        if (!options.kernelModules.empty())
+            for (vm::GuestFile &file : vm::kernelModules(options.kernelModules, neededModules))
+                files_.push_back(std::move(file));
+        writeInitramfs(setting_.initramfs,
+                       {{"zelsend", contentsOf(options.zelsend)}, {"zelmod.ko", setting_.module}});
         for (const std::string &path : {setting_.console, setting_.emulatorLog})
             std::ofstream(path, std::ios::trunc);
         log_.open("console.log", std::ios::trunc);
@@ -200,8 +224,7 @@ public:
         run.setting.initramfs = "contract.initramfs";
         run.setting.modulePath = "/zelcontract.ko";
         run.setting.module = contentsOf(module);
-        vm::writeInitramfs(run.setting.initramfs, {{"init", contentsOf(options_.guest)},
-                                                   {"zelcontract.ko", run.setting.module}});
+        writeInitramfs(run.setting.initramfs, {{"zelcontract.ko", run.setting.module}});
         run.chosen = [&](const std::string &name) { return chosen(options_, name); };
         run.report = [&](const vm::CheckResult &result) {
             report(result.name + " on " + disk, result.problem, result.taken);
@@ -219,6 +242,13 @@ public:
     const Totals &totals() const { return totals_; }
 
 private:
+    // With these files and those that every boot has.
+    void writeInitramfs(const std::string &path, std::vector<vm::GuestFile> files) const
+    {
+        files.insert(files.end(), files_.begin(), files_.end());
+        vm::writeInitramfs(path, files);
+    }
+
     // For the next boot the logs are empty, even if that one does not come to pass.
     void keepConsole(const std::string &name)
     {
@@ -242,6 +272,7 @@ private:
 
     const Options &options_;
     vm::Setting setting_;
+    std::vector<vm::GuestFile> files_;
     Totals totals_;
     std::ofstream log_;
 };

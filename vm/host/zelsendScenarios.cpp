@@ -314,8 +314,7 @@ void refusals(Environment &env, Repository &repository)
                     0, "the result of mknod");
         expectEqual(worker.unmount(env.folder(1)), 0, "the result of unmounting");
         refuseDevices(env);
-        expectEqual(worker.mount(env.node(1), env.folder(1), "ext3", "data=ordered"), 0,
-                    "the result of mounting");
+        expectEqual(env.mount(worker, 1), 0, "the result of mounting");
     }
     refuseWhileBusy(env, chain);
     env.write(0, 3, 7);
