@@ -292,7 +292,8 @@ void refuseWhileBusy(Environment &env, SendChain &chain)
 {
     auto program = chain.start();
     std::string begun(program->read(100000));
-    expectRefusal(env, {env.node(1)}, refused,
+    expectRefusal(env, {env.node(1)}, refused, "another zelsend is at work on another device");
+    expectRefusal(env, {"--state", "/other", env.node(1)}, refused,
                   "the backup was refused: another backup is running (9)");
     expectRefusal(env, {env.node(0)}, refused,
                   "another zelsend is at work on device " +
