@@ -111,6 +111,7 @@ layOut()
     mkdir -p "$out"
     find "$out" -type l -delete
     cp -rsT "$PWD/kernel/linux-2.6.30" "$out"
+    cp -rsT "$PWD/kernel/linux" "$out"
     ln -s "$PWD/kernel/cxx.lds" "$out/cxx.lds"
     cp -rsT "$PWD/kernel/include" "$out/include"
     cp -rsT "$PWD/zelmod/2.6" "$out/zelmod"
