@@ -3,7 +3,9 @@
 # module loader cannot take or does wrong without a word. The kernel need not be there.
 #
 #   tools/check-kernel-objects.sh                  check the module's sources
-#   tools/check-kernel-objects.sh --merged OBJECT  check their merged object from a kernel's build
+#   tools/check-kernel-objects.sh --merged OBJECT [SYMBOL...]
+#                                                  check their merged object from a kernel's build;
+#                                                  the kernel supplies these symbols, too
 #   tools/check-kernel-objects.sh --module MODULE  check what that build made of it
 #   tools/check-kernel-objects.sh --self-test      plant each fault and see that it is found
 set -euo pipefail
@@ -12,7 +14,7 @@ cd "$(dirname "$(readlink -f "$0")")/.."
 mapfile -t flags < <(sed 's/#.*//' kernel/linux-2.6.30/cxx.flags | xargs -n 1)
 flags+=(-Ikernel/include -Ikernel/host/include -Izelmod/2.6)
 # What the kernel itself supplies, with the module's calling convention.
-kernelSymbols='^(zk_.*|memcpy|memset|memmove|memcmp|strlen)$'
+suppliedSymbols='zk_.*|memcpy|memset|memmove|memcmp|strlen'
 
 # Compiles and merges sources into work/module.o. Fails with the compiler's messages.
 compileAndMerge()
@@ -81,7 +83,7 @@ findFaults()
         done
 
     nm -u "$object" | awk '{ print $NF }' | while read -r symbol; do
-        [[ $symbol =~ $kernelSymbols ]] || echo "undefined symbol: $symbol"
+        [[ $symbol =~ ^($suppliedSymbols)$ ]] || echo "undefined symbol: $symbol"
     done
 
     # A function that several sources emit (an inline one) is merged into a single definition above
@@ -205,7 +207,12 @@ case "${1:-}" in
     selfTest
     ;;
 --merged)
-    report findFaults "$2"
+    object=$2
+    shift 2
+    for symbol in "$@"; do
+        suppliedSymbols+="|$symbol"
+    done
+    report findFaults "$object"
     ;;
 --module)
     report findModuleFaults "$2"
@@ -221,7 +228,8 @@ case "${1:-}" in
         awk 'NR == 2 { print $1 " bytes of code, " $2 + $3 " of data" }')"
     ;;
 *)
-    echo "usage: tools/check-kernel-objects.sh [--merged OBJECT | --module MODULE | --self-test]" >&2
+    echo "usage: tools/check-kernel-objects.sh [--merged OBJECT [SYMBOL...] | --module MODULE |" \
+        "--self-test]" >&2
     exit 2
     ;;
 esac

@@ -1,7 +1,8 @@
 #!/bin/bash
 # Builds build/module/zelmod.ko for a real kernel, given the path of its configured and built tree, and
 # beside it zelcontract.ko, the contract's checks as a module; a package of the sources has no checks.
-# Called by: make module KDIR=<tree>. Writes nothing into the tree.
+# Without a path it is for Debian 12's current kernel, which is fetched.
+# Called by: make module [KDIR=<tree>]. Writes nothing into the tree.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 
@@ -22,73 +23,7 @@ fail()
     exit 1
 }
 
-# A variable's value in the tree's top Makefile, which holds the kernel's version.
-makefileValue()
-{
-    sed -n "s/^$1 *= *\([^ ]*\) *$/\1/p" "$tree/Makefile" | head -1
-}
-
-# The version of the tree's kernel, or nothing. A separate output folder has only part of it in its
-# Makefile, but knows its release.
-kernelVersion()
-{
-    local version
-    version=$(makefileValue VERSION).$(makefileValue PATCHLEVEL)
-    if [ -n "$(makefileValue SUBLEVEL)" ]; then
-        echo "$version.$(makefileValue SUBLEVEL)$(makefileValue EXTRAVERSION)"
-    elif [ -f "$tree/include/config/kernel.release" ]; then
-        cat "$tree/include/config/kernel.release"
-    else
-        echo "$version"
-    fi
-}
-
-isConfigured()
-{
-    grep -q "^#define $1 1$" "$tree/include/linux/autoconf.h"
-}
-
-requireOption()
-{
-    isConfigured "$1" || fail "$tree is configured without $1 ($2); configure and build the kernel" \
-        "with it, or give the tree of one that has it"
-}
-
-checkTree()
-{
-    [ -n "$tree" ] || fail "builds zelmod.ko for a real kernel and needs the path of that kernel's" \
-        "configured and built tree (2.6.30, 32-bit x86): make module KDIR=<tree>"
-    [ -e "$tree" ] || fail "there is no $tree; give the path of a kernel tree: make module KDIR=<tree>"
-    tree=$(readlink -f "$tree")
-    [ -d "$tree" ] || fail "$tree is not a directory; give the path of a kernel tree"
-    [ -f "$tree/Makefile" ] && [ -n "$(makefileValue VERSION)" ] &&
-        [ -n "$(makefileValue PATCHLEVEL)" ] ||
-        fail "$tree is not a kernel tree (no Makefile with a kernel's version); give the path of one"
-    local version
-    version=$(kernelVersion)
-    [[ $version =~ ^2\.6\.30([^0-9]|$) ]] ||
-        fail "$tree is a tree of kernel $version; only 2.6.30 is known; give the path of one"
-    [ -f "$tree/.config" ] && [ -f "$tree/include/linux/autoconf.h" ] ||
-        fail "$tree is not configured (no .config or no include/linux/autoconf.h); run" \
-            "'make ARCH=i386 oldconfig' there and build it"
-    [[ $out$tree != *[[:space:]:]* ]] ||
-        fail "a kernel's build takes no spaces or colons in paths; move $PWD or $tree"
-
-    requireOption CONFIG_X86_32 "32-bit x86"
-    requireOption CONFIG_SMP "more than one processor"
-    requireOption CONFIG_HIGHMEM "high memory"
-    requireOption CONFIG_LBD "64-bit sector numbers"
-    requireOption CONFIG_BLOCK "block devices"
-    requireOption CONFIG_MODULES "loadable modules"
-    requireOption CONFIG_MODULE_UNLOAD "unloading of modules"
-
-    [ -x "$tree/scripts/mod/modpost" ] && [ -x "$tree/scripts/basic/fixdep" ] &&
-        [ -f "$tree/include/linux/utsrelease.h" ] ||
-        fail "$tree is configured but not built; run 'make ARCH=i386' there"
-    [ -f "$tree/Module.symvers" ] ||
-        fail "$tree has no Module.symvers, which says what the kernel exports; run" \
-            "'make ARCH=i386' there"
-}
+. tools/module-tree.sh
 
 checkCompilers()
 {
@@ -105,12 +40,20 @@ checkCompilers()
             "(tools/setup.sh does)"
 }
 
+# Debian's kernel, where the sources come with what fetches it.
+fetchTree()
+{
+    local cache=build/cache/linux-6.1
+    tools/fetch-kernel.sh || fail "there is no kernel to build for (see above)"
+    tree=$PWD/$cache/root/usr/src/linux-headers-$(cat $cache/release)
+}
+
 # A folder of links to the sources, since kbuild puts its objects beside them.
 layOut()
 {
     mkdir -p "$out"
     find "$out" -type l -delete
-    cp -rsT "$PWD/kernel/linux-2.6.30" "$out"
+    cp -rsT "$PWD/kernel/$provider" "$out"
     cp -rsT "$PWD/kernel/linux" "$out"
     ln -s "$PWD/kernel/cxx.lds" "$out/cxx.lds"
     cp -rsT "$PWD/kernel/include" "$out/include"
@@ -127,13 +70,18 @@ layOut()
     fi
 }
 
-# The compiler's options go with CC, since kbuild compiles files of its own for a module.
+# Runs the kernel's own build. The compiler's options for an old kernel go with CC, since kbuild
+# compiles files of its own for a module.
 build()
 {
-    local cc="$compiler -std=gnu89 -fno-pie -fcf-protection=none -fno-stack-protector"
-    cc+=" -fno-delete-null-pointer-checks -fno-asynchronous-unwind-tables"
-    cc+=" -I$out/compat"
-    make --no-print-directory -C "$tree" ARCH=i386 CROSS_COMPILE= M="$out" CC="$cc" \
+    local cc=$compiler top=()
+    [ $provider = linux-2.6.30 ] || top=(-f "$makefile")
+    if [ $provider = linux-2.6.30 ]; then
+        cc+=" -std=gnu89 -fno-pie -fcf-protection=none -fno-stack-protector"
+        cc+=" -fno-delete-null-pointer-checks -fno-asynchronous-unwind-tables"
+        cc+=" -I$out/compat"
+    fi
+    make --no-print-directory -C "$tree" "${top[@]}" ARCH=i386 CROSS_COMPILE= M="$out" CC="$cc" \
         CXX="$cxxCompiler" modules 2>&1 | tee "$out/build.log" || fail "the build failed (see above)"
 }
 
@@ -148,9 +96,10 @@ check()
     fi
     ! grep -q '" \[.*\] undefined!' "$out/build.log" ||
         fail "the kernel in $tree does not export what the module needs (see above)"
-    local file
+    local file guards=()
+    [ $provider = linux-2.6.30 ] || guards=(__stack_chk_fail __stack_chk_guard '__x86_indirect_thunk_.*')
     for file in "${merged[@]}"; do
-        tools/check-kernel-objects.sh --merged "$out/$file" || fail "the C++ objects would not work in the" \
+        tools/check-kernel-objects.sh --merged "$out/$file" "${guards[@]}" || fail "the C++ objects would not work in the" \
             "kernel (see above)"
     done
     for file in "${modules[@]/%/.ko}"; do
@@ -165,6 +114,8 @@ removeUnchecked()
     [ "${checked:-}" = yes ] || rm -f "$out"/{zelmod,zelcontract}.ko
 }
 
+[ -n "$tree" ] || [ ! -f tools/fetch-kernel.sh ] || fetchTree
+recogniseTree
 checkTree
 checkCompilers
 trap removeUnchecked EXIT
@@ -172,5 +123,4 @@ layOut
 build
 check
 checked=yes
-echo "module: build/module: ${modules[*]/%/.ko} for $(cat "$tree/include/config/kernel.release" 2>/dev/null ||
-    kernelVersion)"
+echo "module: build/module: ${modules[*]/%/.ko} for $(kernelRelease)"

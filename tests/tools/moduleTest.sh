@@ -10,6 +10,8 @@ failures=0
 
 options=(X86_32 SMP HIGHMEM LBD BLOCK MODULES MODULE_UNLOAD)
 
+debianOptions=(X86_32 SMP HIGHMEM64G KPROBES DYNAMIC_FTRACE_WITH_REGS BLOCK MODULES MODULE_UNLOAD)
+
 # Makes $tree: as much of a configured and built 2.6.30 as is looked at. The compiler is the last
 # thing that is looked at, so that a tree with nothing wrong is told by what is said of the compiler.
 newTree()
@@ -24,6 +26,23 @@ newTree()
     install -m 755 /dev/null "$tree/scripts/basic/fixdep"
 }
 
+# Makes $tree: as much of the packages of a 6.1's headers as is looked at. Its Makefile names where the
+# other half would lie if it were installed.
+newDebianTree()
+{
+    local shared=$work/tree-common
+    tree=$work/tree
+    rm -rf "$work"/tree*
+    mkdir -p "$shared" "$tree"/{scripts/mod,scripts/basic,include/generated,include/config}
+    printf '%s\n' 'VERSION = 6' 'PATCHLEVEL = 1' 'SUBLEVEL = 9' 'EXTRAVERSION =' >"$shared/Makefile"
+    echo "include /nowhere/tree-common/Makefile" >"$tree/Makefile"
+    touch "$tree/.config" "$tree/Module.symvers"
+    echo '#define UTS_RELEASE "6.1.0-9-686-pae"' >"$tree/include/generated/utsrelease.h"
+    printf '#define CONFIG_%s 1\n' "${debianOptions[@]}" >"$tree/include/generated/autoconf.h"
+    install -m 755 /dev/null "$tree/scripts/mod/modpost"
+    install -m 755 /dev/null "$tree/scripts/basic/fixdep"
+}
+
 # compiler <name> <version> [works]: a compiler that says it is of this version, and compiles or not.
 compiler()
 {
@@ -31,6 +50,10 @@ compiler()
         "$([ "${3:-}" = works ] && echo 'cat >/dev/null' || echo 'exit 1')" >"$work/$1"
     chmod +x "$work/$1"
 }
+
+# A copy of the scripts alone: without a tree they do not fetch one.
+mkdir -p "$work/package/tools"
+cp tools/module.sh tools/module-tree.sh "$work/package/tools/"
 
 # refuses <what is said> [argument of tools/module.sh]: with $script, or the script of this tree.
 refuses()
@@ -54,8 +77,9 @@ no32="$work/g++ cannot compile for 32 bits; install the package g++-multilib (to
 for nothing in absent empty; do
     arguments=()
     [ $nothing = absent ] || arguments=("")
-    refuses "builds zelmod.ko for a real kernel and needs the path of that kernel's configured and\
- built tree (2.6.30, 32-bit x86): make module KDIR=<tree>" "${arguments[@]}"
+    script=$work/package/tools/module.sh \
+        refuses "builds zelmod.ko for a real kernel and needs the path of that kernel's configured and\
+ built tree (2.6.30 and 6.1, 32-bit x86): make module KDIR=<tree>" "${arguments[@]}"
 done
 newTree
 refuses "there is no $work/nowhere; give the path of a kernel tree: make module KDIR=<tree>" \
@@ -67,18 +91,31 @@ echo 'all:' >"$tree/Makefile"
 refuses "$tree $notATree" "$tree"
 
 # Its version
+onlyKnown="only 2.6.30 and 6.1 are known; give the path of one"
 for version in 2.6.31 2.6.3 2.6.300; do
     newTree
     sed -i "s/^SUBLEVEL = .*/SUBLEVEL = ${version##*.}/; /EXTRAVERSION/d" "$tree/Makefile"
-    refuses "$tree is a tree of kernel $version; only 2.6.30 is known; give the path of one" "$tree"
+    refuses "$tree is a tree of kernel $version; $onlyKnown" "$tree"
 done
 newTree
-printf '%s\n' 'VERSION = 6' 'PATCHLEVEL = 1' >"$tree/Makefile"
-refuses "$tree is a tree of kernel 6.1; only 2.6.30 is known; give the path of one" "$tree"
-echo 6.1.0-9-amd64 >"$tree/include/config/kernel.release"
-refuses "$tree is a tree of kernel 6.1.0-9-amd64; only 2.6.30 is known; give the path of one" "$tree"
+printf '%s\n' 'VERSION = 6' 'PATCHLEVEL = 10' >"$tree/Makefile"
+refuses "$tree is a tree of kernel 6.10; $onlyKnown" "$tree"
+echo 6.12.0-9-amd64 >"$tree/include/config/kernel.release"
+refuses "$tree is a tree of kernel 6.12.0-9-amd64; $onlyKnown" "$tree"
 echo 2.6.30-server >"$tree/include/config/kernel.release"
 printf '%s\n' 'VERSION = 2' 'PATCHLEVEL = 6' >"$tree/Makefile"
+refuses "$no32" "$tree"
+for version in 6.10.1 5.10.9; do
+    newDebianTree
+    IFS=. read -r major minor patch <<<"$version"
+    sed -i "s/^VERSION = .*/VERSION = $major/; s/^PATCHLEVEL = .*/PATCHLEVEL = $minor/
+        s/^SUBLEVEL = .*/SUBLEVEL = $patch/" "$work/tree-common/Makefile"
+    refuses "$tree is a tree of kernel $version; $onlyKnown" "$tree"
+done
+newDebianTree
+rm "$work/tree-common/Makefile"
+refuses "$tree $notATree" "$tree"
+newDebianTree
 refuses "$no32" "$tree"
 
 # Its configuration
@@ -96,6 +133,20 @@ for i in "${!options[@]}"; do
         "$tree/include/linux/autoconf.h"
     refuses "$tree is configured without CONFIG_${options[i]} (${meanings[i]}); configure and build\
  the kernel with it, or give the tree of one that has it" "$tree"
+done
+
+newDebianTree
+rm "$tree/include/generated/autoconf.h"
+refuses "$tree is not configured (no .config or no include/generated/autoconf.h); run 'make\
+ ARCH=i386 oldconfig' there and build it" "$tree"
+meanings=("32-bit x86" "more than one processor" "more memory than 4 GiB"
+    "finding the kernel's functions" "redirecting the kernel's functions" "block devices"
+    "loadable modules" "unloading of modules")
+for i in "${!debianOptions[@]}"; do
+    newDebianTree
+    sed -i "/^#define CONFIG_${debianOptions[i]} 1$/d" "$tree/include/generated/autoconf.h"
+    refuses "$tree is configured without CONFIG_${debianOptions[i]} (${meanings[i]}); configure and\
+ build the kernel with it, or give the tree of one that has it" "$tree"
 done
 
 # Its build
@@ -118,7 +169,7 @@ for name in "a b" a:b; do
 done
 newTree
 mkdir -p "$work/of two words/tools"
-cp tools/module.sh "$work/of two words/tools/"
+cp tools/module.sh tools/module-tree.sh "$work/of two words/tools/"
 script="$work/of two words/tools/module.sh" \
     refuses "a kernel's build takes no spaces or colons in paths; move $work/of two words or $tree" \
     "$tree"
