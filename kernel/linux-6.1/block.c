@@ -6,6 +6,7 @@
 #include <linux/hash.h>
 #include <linux/kernel.h>
 #include <linux/mutex.h>
+#include <linux/xarray.h>
 
 #include "seamTypes.h"
 
@@ -58,12 +59,10 @@ struct block_device *zk_bdev_contains(struct block_device *bdev)
     return isOpen(bdev) ? keepDevice(bdev_whole(bdev)) : NULL;
 }
 
-/* Not the kernel's own: that is held while a device is flushed at its last close, a partition's as
- * well, and some of what is flushed is written by other tasks. A partition's record is stable by
- * itself (devices.h). */
+/* The whole disk's, also for a partition: it has none of its own. */
 struct mutex *zk_bdev_mutex(struct block_device *bdev)
 {
-    return mutexOf(bdev);
+    return &bdev->bd_disk->open_mutex;
 }
 
 struct request_queue *zk_disk_queue(struct gendisk *disk)
@@ -89,7 +88,7 @@ int zk_disk_part_tbl_len(struct gendisk *disk)
 
 struct hd_struct *zk_disk_part(struct gendisk *disk, int number)
 {
-    struct block_device *part = partitionOf(disk, number);
+    struct block_device *part = xa_load(&disk->part_tbl, number);
 
     return part != NULL && bdev_nr_sectors(part) != 0 ? placeOf(part) : NULL;
 }

@@ -3,7 +3,6 @@
 
 #include <linux/fs.h>
 #include <linux/hashtable.h>
-#include <linux/mutex.h>
 #include <linux/rcupdate.h>
 #include <linux/slab.h>
 #include <linux/spinlock.h>
@@ -11,7 +10,6 @@
 struct known_device {
     struct hlist_node link;
     struct block_device *bdev; /* referenced by its inode, or our own if it has none */
-    struct mutex mutex;
 };
 
 /* By number. Found without a lock: it is only ever added to, under knownLock. */
@@ -61,7 +59,6 @@ static struct block_device *know(struct block_device *bdev)
 
     device = kzalloc(sizeof(*device), GFP_NOIO | __GFP_NOFAIL);
     device->bdev = bdev;
-    mutex_init(&device->mutex);
     spin_lock(&knownLock);
     other = isMissing(bdev) ? findMissing(bdev->bd_dev) : recordOf(bdev) != NULL ? bdev : NULL;
     if (other == NULL)
@@ -74,33 +71,11 @@ static struct block_device *know(struct block_device *bdev)
     return other;
 }
 
-struct mutex *mutexOf(const struct block_device *bdev)
-{
-    return &recordOf(bdev)->mutex;
-}
-
 struct block_device *keepDevice(struct block_device *bdev)
 {
     if (recordOf(bdev) == NULL && igrab(bdev->bd_inode) != NULL)
         know(bdev);
     return bdev;
-}
-
-struct block_device *partitionOf(struct gendisk *disk, unsigned int number)
-{
-    struct block_device *part;
-    bool found = false;
-
-    /* While it is in the table it has a reference, and its memory outlives this section. */
-    rcu_read_lock();
-    part = xa_load(&disk->part_tbl, number);
-    if (part != NULL && recordOf(part) == NULL) {
-        found = igrab(part->bd_inode) != NULL;
-        if (!found)
-            part = NULL;
-    }
-    rcu_read_unlock();
-    return found ? know(part) : part;
 }
 
 struct block_device *deviceOf(dev_t number)

@@ -70,9 +70,9 @@ void zk_up_write(struct rw_semaphore *sem)
     up_write(sem);
 }
 
-void zk_mutex_lock(struct mutex *lock)
+int zk_mutex_trylock(struct mutex *lock)
 {
-    mutex_lock(lock);
+    return mutex_trylock(lock);
 }
 
 void zk_mutex_unlock(struct mutex *lock)
@@ -80,13 +80,14 @@ void zk_mutex_unlock(struct mutex *lock)
     mutex_unlock(lock);
 }
 
-/* The owner's address, with flags in its lowest bits, is stored by the holder and for it only, so
- * that what a task reads of itself is exact. */
-int zk_mutex_held_by_current(struct mutex *lock)
+void zk_rcu_read_lock(void)
 {
-    const unsigned long flags = 7;
+    rcu_read_lock();
+}
 
-    return (atomic_long_read(&lock->owner) & ~flags) == (unsigned long)current;
+void zk_rcu_read_unlock(void)
+{
+    rcu_read_unlock();
 }
 
 void zk_spin_lock_init_named(spinlock_t *lock, const char *name, struct lock_class_key *key)
