@@ -1,5 +1,6 @@
 /* Runs the scenarios in a real kernel under an emulator and prints a line for each. */
 #include <algorithm>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -8,6 +9,7 @@
 #include <iostream>
 #include <iterator>
 #include <map>
+#include <set>
 
 #include <getopt.h>
 
@@ -69,6 +71,18 @@ std::string contentsOf(const std::string &path)
     std::exit(2);
 }
 
+unsigned positiveNumber(const char *option, const std::string &text)
+{
+    unsigned number = 0;
+    const char *end = text.data() + text.size();
+    auto [last, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc() || last != end || number == 0) {
+        std::cerr << "vm: --" << option << ' ' << text << ": not a number above 0\n";
+        std::exit(2);
+    }
+    return number;
+}
+
 Options parse(int count, char **arguments)
 {
     const option known[] = {
@@ -94,9 +108,9 @@ Options parse(int count, char **arguments)
         if (found == 'd')
             options.disks.push_back(optarg);
         else if (found == 't')
-            options.timeout = static_cast<unsigned>(std::atoi(optarg));
+            options.timeout = positiveNumber("timeout", optarg);
         else if (found == 'c')
-            options.cycles = static_cast<unsigned>(std::atoi(optarg));
+            options.cycles = positiveNumber("cycles", optarg);
         else if (found == 'K')
             options.kernelModules = std::filesystem::absolute(optarg);
         else if (found == 'F')
@@ -115,23 +129,43 @@ Options parse(int count, char **arguments)
     return options;
 }
 
-bool chosen(const Options &options, const std::string &name)
+// What is to be run: all, or what has one of these parts in its name.
+class Choice
 {
-    if (options.names.empty())
-        return true;
-    for (const std::string &part : options.names)
-        if (name.find(part) != std::string::npos)
-            return true;
-    return false;
-}
+public:
+    explicit Choice(const std::vector<std::string> &parts) : parts_(parts) {}
 
-// Its checks are known only in the guest: by a name that begins like theirs.
-bool contractChosen(const Options &options)
-{
-    return options.names.empty() ||
-           std::any_of(options.names.begin(), options.names.end(),
-                       [](const std::string &part) { return part.rfind("Contract", 0) == 0; });
-}
+    bool has(const std::string &name)
+    {
+        bool found = parts_.empty();
+        for (const std::string &part : parts_)
+            if (name.find(part) != std::string::npos) {
+                found = true;
+                used_.insert(part);
+            }
+        return found;
+    }
+
+    // The contract's checks are known only in the guest: by a part that begins like their names.
+    bool hasContract() const
+    {
+        return parts_.empty() || std::any_of(parts_.begin(), parts_.end(), isOfContract);
+    }
+
+    // Throws if a part, other than of the contract unless that has been run, was in no name.
+    void refuseUnused(bool contractToo) const
+    {
+        for (const std::string &part : parts_)
+            if (used_.count(part) == 0 && (contractToo || !isOfContract(part)))
+                throw std::runtime_error(part + ": no scenario or check has that in its name");
+    }
+
+private:
+    static bool isOfContract(const std::string &part) { return part.rfind("Contract", 0) == 0; }
+
+    const std::vector<std::string> &parts_;
+    std::set<std::string> used_;
+};
 
 void expectLoad(int result, const char *what)
 {
@@ -217,7 +251,7 @@ public:
     }
 
     // The checks of the contract, if their module is there.
-    void runContract(const std::string &module, const std::string &disk)
+    void runContract(const std::string &module, const std::string &disk, Choice &choice)
     {
         vm::ContractRun run{setting_, {}, {}, {}};
         run.setting.diskKind = disk;
@@ -225,7 +259,7 @@ public:
         run.setting.modulePath = "/zelcontract.ko";
         run.setting.module = contentsOf(module);
         writeInitramfs(run.setting.initramfs, {{"zelcontract.ko", run.setting.module}});
-        run.chosen = [&](const std::string &name) { return chosen(options_, name); };
+        run.chosen = [&](const std::string &name) { return choice.has(name); };
         run.report = [&](const vm::CheckResult &result) {
             report(result.name + " on " + disk, result.problem, result.taken);
         };
@@ -281,7 +315,6 @@ int runAll(const Options &options)
 {
     std::filesystem::create_directories(options.folder);
     std::filesystem::current_path(options.folder);
-    Run run(options);
     std::vector<vm::GuestScenario> all = vm::selfChecks();
     for (auto list :
          {scenario::chainScenarios, scenario::spoiltScenarios, scenario::writerScenarios,
@@ -294,20 +327,27 @@ int runAll(const Options &options)
         all.push_back(std::move(scenario));
     for (vm::GuestScenario &scenario : vm::zelsendScenarios(options.zel))
         all.push_back(std::move(scenario));
-    if (contractChosen(options)) {
-        auto checks = std::filesystem::path(options.module).replace_filename("zelcontract.ko");
-        if (!std::filesystem::exists(checks))
-            run.skip("Contract", "there is no zelcontract.ko beside the module");
-        else
-            for (const std::string &disk : options.disks)
-                run.runContract(checks, disk);
-    }
     for (const vm::GuestScenario &scenario : vm::soakScenarios(options.cycles))
         all.push_back(scenario);
-    for (const vm::GuestScenario &scenario : all)
-        if (chosen(options, scenario.name))
+    Choice choice(options.names);
+    all.erase(std::remove_if(all.begin(), all.end(),
+                             [&](const auto &scenario) { return !choice.has(scenario.name); }),
+              all.end());
+    choice.refuseUnused(false);
+    Run run(options);
+    if (choice.hasContract()) {
+        auto checks = std::filesystem::path(options.module).replace_filename("zelcontract.ko");
+        if (!std::filesystem::exists(checks)) {
+            run.skip("Contract", "there is no zelcontract.ko beside the module");
+        } else {
             for (const std::string &disk : options.disks)
-                run.run(scenario, disk);
+                run.runContract(checks, disk, choice);
+            choice.refuseUnused(true);
+        }
+    }
+    for (const vm::GuestScenario &scenario : all)
+        for (const std::string &disk : options.disks)
+            run.run(scenario, disk);
     const Totals &totals = run.totals();
     std::printf("%u passed, %u failed, %u skipped\n", totals.passed, totals.failed, totals.skipped);
     return totals.failed == 0 && totals.passed != 0 ? 0 : 1;
