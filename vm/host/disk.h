@@ -37,7 +37,7 @@ public:
     // What is not answered for the time being, nor what the same peer asks after it.
     enum class Hold { nothing, reads, all };
     void hold(Hold what);
-    // Whether a read waits for that.
+    // Whether a read waits for that, whoever asked for it.
     bool holdsRead() const;
 
     void failReads(std::uint64_t offset, std::size_t bytes);

@@ -68,7 +68,8 @@ void readAll(const Backup &backup)
     expectEqual(agent.close(), 0, "the result of close");
 }
 
-// The close finds a write in the queue whose old block is being read.
+// The close finds a write in the queue whose old block is being read, as like as not: the read that
+// is held is a file system's own now and then.
 void closeWithWritesHeld(const Backup &backup)
 {
     test::Agent agent;
@@ -80,9 +81,9 @@ void closeWithWritesHeld(const Backup &backup)
         HeldDisk held(backup.env.disk(), Disk::Hold::reads);
         for (unsigned i = 0; i < attempts && !backup.env.disk().holdsRead(); i++)
             backup.env.pause(step);
-        expect(backup.env.disk().holdsRead(), "a write to be held");
+        expect(backup.env.disk().holdsRead(), "a read to be held");
         closing = backup.env.start(
-            [&] { expectEqual(agent.close(), 0, "the result of close with writes held"); });
+            [&] { expectEqual(agent.close(), 0, "the result of close with reads held"); });
         backup.env.pause(20 * step);
     }
     closing->join();
