@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
+
 namespace vm
 {
 namespace
@@ -144,12 +146,28 @@ KernelUse useNow(Worker &worker)
     return use;
 }
 
+// A file of /proc; what it does not name is not there only if it can be read.
+std::string readFile(Worker &worker, const std::string &path)
+{
+    int file = worker.open(path, O_RDONLY);
+    if (file < 0)
+        throw std::runtime_error("the guest does not show " + path);
+    worker.close(file);
+    return worker.read(path);
+}
+
 bool threadRuns(Worker &worker)
 {
-    for (const std::string &name : worker.list("/proc"))
-        if (std::isdigit(static_cast<unsigned char>(name[0])) != 0 &&
-            worker.read("/proc/" + name + "/stat").find(threadName) != std::string::npos)
+    bool processes = false;
+    for (const std::string &name : worker.list("/proc")) {
+        if (std::isdigit(static_cast<unsigned char>(name[0])) == 0)
+            continue;
+        processes = true;
+        if (worker.read("/proc/" + name + "/stat").find(threadName) != std::string::npos)
             return true;
+    }
+    if (!processes)
+        throw std::runtime_error("the guest shows no processes in /proc");
     return false;
 }
 
@@ -186,9 +204,9 @@ std::string leftOfModule(Worker &worker, const std::set<std::string> &caches)
 {
     if (threadStays(worker))
         return "its thread";
-    if (names(worker.read("/proc/modules"), moduleName))
+    if (names(readFile(worker, "/proc/modules"), moduleName))
         return "the module itself";
-    if (names(worker.read("/proc/devices"), moduleName))
+    if (names(readFile(worker, "/proc/devices"), moduleName))
         return "its control device";
     for (const std::string &name : slabCaches(worker))
         if (caches.count(name) == 0)

@@ -14,7 +14,7 @@ namespace vm
 std::set<std::string> slabCaches(Worker &worker);
 
 // Empty, or what is still there of the module by its name, or a slab cache besides `caches`. A
-// thread that is about to end gets a moment for it.
+// thread that is about to end gets a moment for it. Throws where the guest does not tell.
 std::string leftOfModule(Worker &worker, const std::set<std::string> &caches);
 
 // How many of each: objects of each slab cache, pages, kibibytes of vmalloc, threads.

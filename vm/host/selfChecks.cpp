@@ -229,6 +229,16 @@ void countsWhatIsInUse(Environment &env)
     expectEqual(after.at("threads"), before.at("threads"), "the threads");
     expect(leftOfModule(worker, slabCaches(worker)).empty(), "nothing of a module that never was");
     expect(!leftOfModule(worker, {}).empty(), "a slab cache more than before to be told");
+
+    expectEqual(worker.mount("none", "/proc", "sysfs", ""), 0, "the result of hiding /proc");
+    std::string told;
+    try {
+        leftOfModule(worker, {});
+    } catch (const std::runtime_error &failure) {
+        told = failure.what();
+    }
+    expect(has(told, "no processes"), "what cannot be seen not to be taken for nothing: " + told);
+    expectEqual(worker.unmount("/proc"), 0, "the result of showing it again");
 }
 
 void findsFaultReports(Environment &)
