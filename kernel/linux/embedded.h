@@ -22,8 +22,8 @@ struct embedded_layout {
 
 #define EMBEDDED_LAYOUT(type, name) {#name, sizeof(type), __alignof__(type)},
 
-/* 0 if the storage that the module reserves for these objects is what they need; else it says so in
- * the log, and -ENOEXEC. */
+/* 0 if the storage that the module reserves for these objects is what they need in the running
+ * kernel, as far as can be seen; else it says so in the log, and -ENOEXEC. */
 int checkEmbedded(void);
 
 #endif
