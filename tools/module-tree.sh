@@ -55,6 +55,13 @@ requireOption()
             "with it, or give the tree of one that has it"
 }
 
+refuseOption()
+{
+    ! grep -q "^#define $1 1$" "$tree/$generated/autoconf.h" ||
+        fail "$tree is configured with $1 ($2); configure and build the kernel without it, or give" \
+            "the tree of one that does without"
+}
+
 # Sets `makefile`, `generated` (the folder of generated headers) and `provider`.
 recogniseTree()
 {
@@ -101,6 +108,7 @@ checkTree()
     else
         requireOption CONFIG_HIGHMEM "high memory"
         requireOption CONFIG_LBD "64-bit sector numbers"
+        refuseOption CONFIG_4KSTACKS "stacks of 4 KiB, which the module may overrun below a file system"
     fi
     requireOption CONFIG_BLOCK "block devices"
     requireOption CONFIG_MODULES "loadable modules"
