@@ -4,9 +4,10 @@
 # Without a path it is for Debian 12's current kernel, which is fetched.
 # Called by: make module [KDIR=<tree>]. Writes nothing into the tree.
 set -euo pipefail
+tree=${1:-}
+[ ! -e "$tree" ] || tree=$(readlink -f "$tree") # from the caller's folder
 cd "$(dirname "$(readlink -f "$0")")/.."
 
-tree=${1:-}
 out=$PWD/build/module
 compiler=${CC:-gcc}
 cxxCompiler=${CXX:-g++}

@@ -149,6 +149,12 @@ for i in "${!debianOptions[@]}"; do
  build the kernel with it, or give the tree of one that has it" "$tree"
 done
 
+newTree
+echo '#define CONFIG_4KSTACKS 1' >>"$tree/include/linux/autoconf.h"
+refuses "$tree is configured with CONFIG_4KSTACKS (stacks of 4 KiB, which the module may overrun below\
+ a file system); configure and build the kernel without it, or give the tree of one that does without" \
+    "$tree"
+
 # Its build
 for file in scripts/mod/modpost scripts/basic/fixdep include/linux/utsrelease.h; do
     newTree
@@ -173,6 +179,13 @@ cp tools/module.sh tools/module-tree.sh "$work/of two words/tools/"
 script="$work/of two words/tools/module.sh" \
     refuses "a kernel's build takes no spaces or colons in paths; move $work/of two words or $tree" \
     "$tree"
+
+newTree
+script=$PWD/tools/module.sh
+cd "$work"
+refuses "$no32" tree
+cd "$OLDPWD"
+script=
 
 # The compilers
 newTree
