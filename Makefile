@@ -27,7 +27,7 @@ demo: build ## back up a live file system, restore every point and compare
 machine: build ## start the demonstration machine and leave it running
 	@tools/machine.sh $(ARGUMENTS)
 
-module: ## build zelmod.ko for a real kernel: make module KDIR=<built 2.6.30 tree>
+module: setup ## build zelmod.ko for a real kernel: make module KDIR=<built 2.6.30 tree>
 	@tools/module.sh "$(KDIR)"
 
 vm: ## run contract and scenarios in a real kernel: make vm KERNEL=<bzImage> MODULE=<zelmod.ko>
