@@ -3,13 +3,15 @@
 #
 #   tools/check-real-kernel.sh module      build zelmod.ko for the kernel whose tree is $KDIR
 #   tools/check-real-kernel.sh package     build it of nothing but the files of its package
-#   tools/check-real-kernel.sh scenarios   run some scenarios with it in the kernel image $KERNEL
+#   tools/check-real-kernel.sh scenarios   run the contract and some scenarios with it in the kernel
+#                                          image $KERNEL
 #
 # Without these it says so and exits with 77: skipped.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 
-scenarios=(EnvironmentMissesLostWrites FullAndIncrementalChain UnloadWithSessionsOpen ZelsendChain)
+scenarios=(EnvironmentMissesLostWrites FullAndIncrementalChain UnloadWithSessionsOpen ZelsendChain
+    Contract)
 
 skip()
 {

@@ -4,13 +4,23 @@
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 
+# What belongs to the tree, links included: in a clone what git knows of, so that nothing that happens
+# to lie there gets into a package.
+sources()
+{
+    if [ -e .git ]; then
+        git ls-files -z
+    else
+        find . -path ./build -prune -o \( -type f -o -type l \) -print0
+    fi
+}
+
 packages=build/packages
 work=$packages/work
 rm -rf "$packages"
 mkdir -p "$work/zelmod/build"
 trap 'rm -rf "$work"' EXIT
-find . -path ./.git -prune -o -path ./build -prune -o -type f -print0 |
-    tar -c --null -T - | tar -x -C "$work/zelmod"
+sources | tar -c --null -T - | tar -x -C "$work/zelmod"
 ln -s "$PWD/build/cache" "$work/zelmod/build/cache"
 
 (cd "$work/zelmod" && DEB_BUILD_OPTIONS=noautodbgsym dpkg-buildpackage --no-sign -b) \
