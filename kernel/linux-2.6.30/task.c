@@ -24,7 +24,9 @@ int zk_kernel_thread(int (*function)(void *), void *argument, unsigned long flag
     sigset_t all, before;
     int pid;
 
-    /* A fork fails where a signal waits, to be begun again by a process's fork(). */
+    /* A fork fails where a signal waits, to be begun again by a process's fork(). The mask is no
+     * help while a process of several threads is being stopped: then the kernel calls a signal
+     * pending whatever is blocked, and the fork fails with -ERESTARTNOINTR. */
     sigfillset(&all);
     sigprocmask(SIG_BLOCK, &all, &before);
     pid = kernel_thread(function, argument, flags);

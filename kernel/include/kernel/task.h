@@ -14,8 +14,9 @@ SEAM(void, set_current_running, (void));
 
 /*
  * Starts a kernel thread that runs `function(argument)`. `flags` are clone flags. Returns its
- * pid (above 0), or a negated errno. A signal that waits for the caller does not matter. Process
- * context, may sleep.
+ * pid (above 0), or a negated errno. A signal that waits for the caller does not matter, but for
+ * the stop of a process of several threads: while it is under way the start fails. Process context,
+ * may sleep.
  */
 SEAM(int, kernel_thread, (int (*function)(void *), void *argument, unsigned long flags));
 
