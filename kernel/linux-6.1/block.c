@@ -3,8 +3,8 @@
 #include <linux/bio.h>
 #include <linux/blkdev.h>
 #include <linux/fs.h>
-#include <linux/hash.h>
 #include <linux/kernel.h>
+#include <linux/module.h>
 #include <linux/mutex.h>
 #include <linux/xarray.h>
 
@@ -44,9 +44,22 @@ dev_t zk_bdev_dev(struct block_device *bdev)
     return bdev->bd_dev;
 }
 
+/* A partition's minor number is its disk's plus its own number for the module; one that was
+ * numbered otherwise would be taken for another, so it is not shown. */
 struct gendisk *zk_bdev_disk(struct block_device *bdev)
 {
-    return isOpen(bdev) ? bdev->bd_disk : NULL;
+    struct gendisk *disk = bdev->bd_disk;
+
+    if (!isOpen(bdev))
+        return NULL;
+    if (bdev_is_partition(bdev) &&
+        bdev->bd_dev != MKDEV(disk->major, disk->first_minor + bdev->bd_partno)) {
+        printk(KERN_ERR
+               "%s: %pg cannot be backed up: its device number does not follow its disk's\n",
+               THIS_MODULE->name, bdev);
+        return NULL;
+    }
+    return disk;
 }
 
 struct hd_struct *zk_bdev_part(struct block_device *bdev)

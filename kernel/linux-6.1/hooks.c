@@ -244,23 +244,14 @@ int startHooks(void)
     return error;
 }
 
-/* Whether the disk is of a kind that all changes can be seen of, and told what of. */
+/* Why the disk's changes cannot all be seen; NULL if they can. */
 static const char *obstacle(struct gendisk *disk)
 {
-    struct block_device *part;
-    unsigned long number;
-    const char *reason = NULL;
-
     if (bdev_is_zoned(disk->part0))
         return "it is zoned, and tells where it has written only afterwards";
     if (blk_queue_dax(disk->queue))
         return "it can be written to as memory";
-    rcu_read_lock();
-    xa_for_each(&disk->part_tbl, number,
-                part) if (part->bd_dev != MKDEV(disk->major, disk->first_minor + number)) reason =
-        "its partitions' numbers do not follow its own";
-    rcu_read_unlock();
-    return reason;
+    return NULL;
 }
 
 /* Keeps the disk open while the module has references on its queue, so that it is not taken out of
@@ -372,18 +363,23 @@ void letDiskGo(struct request_queue *queue)
         schedule_work(&disk->work);
 }
 
+/* A tracer that has found itself broken never ends one; then the module's code must not go. */
+static void endRedirection(struct ftrace_ops *redirection)
+{
+    while (unregister_ftrace_function(redirection) != 0)
+        schedule_timeout_uninterruptible(HZ);
+    ftrace_free_filter(redirection);
+}
+
 void stopHooks(void)
 {
     struct hooked_disk *disk;
     struct hlist_node *next;
     int bucket;
 
-    unregister_ftrace_function(&bioRedirection);
-    ftrace_free_filter(&bioRedirection);
-    if (pagesRedirected) {
-        unregister_ftrace_function(&pageRedirection);
-        ftrace_free_filter(&pageRedirection);
-    }
+    endRedirection(&bioRedirection);
+    if (pagesRedirected)
+        endRedirection(&pageRedirection);
     while (atomic_read(&tasksInside) != 0)
         schedule_timeout_uninterruptible(1);
     synchronize_rcu();
