@@ -2,44 +2,23 @@
 #define KERNEL_GLUE
 #include <linux/errno.h>
 #include <linux/fcntl.h>
-#include <linux/file.h>
 #include <linux/fs.h>
 #include <linux/init.h>
 #include <linux/kernel.h>
 #include <linux/mm.h>
 #include <linux/mman.h>
 #include <linux/module.h>
-#include <linux/pid.h>
-#include <linux/rcupdate.h>
 #include <linux/sched.h>
 #include <linux/string.h>
 #include <linux/uaccess.h>
-#include <linux/unistd.h>
 
 #include "checks.h"
 #include "control.h"
-#include "embedded.h"
-#include "hooks.h"
+#include "process.h"
+#include "provider.h"
 
 MODULE_LICENSE("GPL");
 MODULE_DESCRIPTION("Checks of what zelmod relies on in the kernel");
-
-/* Whether a thread of the checks has not gone to sleep yet. It is the caller's child until it takes
- * the name of all of them. */
-static int threadRuns(void)
-{
-    struct task_struct *task;
-    int found = 0;
-
-    rcu_read_lock();
-    for_each_process(task) {
-        if (task != current && task->state == TASK_RUNNING &&
-            (task->real_parent == current || strcmp(task->comm, "contract") == 0))
-            found = 1;
-    }
-    rcu_read_unlock();
-    return found;
-}
 
 /* Twice in a row, for a task that is about to sleep may find that it need not. */
 static void settle(void)
@@ -52,65 +31,36 @@ static void settle(void)
     }
 }
 
-static void sendSignal(int pid, int signal)
-{
-    rcu_read_lock();
-    kill_pid(find_vpid(pid), signal, 1);
-    rcu_read_unlock();
-}
-
 /* The address of the path of the device node that the checks open. */
 static unsigned int devicePath;
 
-/* A system call of the process that is in one already: through the kernel's entry, as the kernel
- * itself makes its own execve. */
-static int systemCall(unsigned int number, unsigned long first, unsigned long second,
-                      unsigned long third)
-{
-    int result;
-
-    asm volatile("int $0x80"
-                 : "=a"(result)
-                 : "0"(number), "b"(first), "c"(second), "d"(third)
-                 : "memory");
-    return result;
-}
-
 static int openDevice(void)
 {
-    return systemCall(__NR_open, devicePath, O_RDWR, 0);
+    return systemCall(SYSTEM_OPEN, devicePath, O_RDWR, 0);
 }
 
 static int closeFile(int fd)
 {
-    return systemCall(__NR_close, fd, 0, 0);
+    return systemCall(SYSTEM_CLOSE, fd, 0, 0);
 }
 
 static int callDevice(int fd, unsigned int command, unsigned long argument)
 {
-    return systemCall(__NR_ioctl, fd, command, argument);
+    return systemCall(SYSTEM_IOCTL, fd, command, argument);
 }
 
 static int readFile(int fd, unsigned long to, unsigned int bytes)
 {
-    return systemCall(__NR_read, fd, to, bytes);
+    return systemCall(SYSTEM_READ, fd, to, bytes);
 }
 
-/* What mmap2 does, which has more arguments than systemCall takes. */
+/* A refusal is an errno or, as a device has it, a small positive number. */
 static int map(int fd, unsigned int bytes, int writable, int shared, unsigned long pageOffset,
                unsigned long *address)
 {
-    struct file *file = fget(fd);
-    unsigned long mapped;
+    unsigned long mapped = mapCall(bytes, PROT_READ | (writable ? PROT_WRITE : 0),
+                                   shared ? MAP_SHARED : MAP_PRIVATE, fd, pageOffset);
 
-    if (file == NULL)
-        return -EBADF;
-    down_write(&current->mm->mmap_sem);
-    mapped = do_mmap_pgoff(file, 0, bytes, PROT_READ | (writable ? PROT_WRITE : 0),
-                           shared ? MAP_SHARED : MAP_PRIVATE, pageOffset);
-    up_write(&current->mm->mmap_sem);
-    fput(file);
-    /* A refusal is an errno or, as a device has it, a small positive number. */
     if (mapped < PAGE_SIZE || IS_ERR_VALUE(mapped))
         return mapped;
     *address = mapped;
@@ -119,14 +69,14 @@ static int map(int fd, unsigned int bytes, int writable, int shared, unsigned lo
 
 static int unmap(unsigned long address, unsigned int bytes)
 {
-    return systemCall(__NR_munmap, address, bytes, 0);
+    return systemCall(SYSTEM_MUNMAP, address, bytes, 0);
 }
 
 static int readLog(unsigned long to, unsigned int bytes)
 {
     const unsigned int readAll = 3; /* the last bytes, whoever has read them before */
 
-    return systemCall(__NR_syslog, readAll, to, bytes);
+    return systemCall(SYSTEM_SYSLOG, readAll, to, bytes);
 }
 
 static int references(void)
@@ -205,15 +155,22 @@ static const struct file_operations operations = {
 
 static int __init loadModule(void)
 {
-    int error = checkEmbedded();
+    int error = findSystemCalls();
 
-    return error != 0 ? error : register_chrdev(CONTRACT_MAJOR, "zelcontract", &operations);
+    if (error == 0)
+        error = startProvider();
+    if (error != 0)
+        return error;
+    error = register_chrdev(CONTRACT_MAJOR, "zelcontract", &operations);
+    if (error != 0)
+        stopProvider();
+    return error;
 }
 
 static void __exit unloadModule(void)
 {
     unregister_chrdev(CONTRACT_MAJOR, "zelcontract");
-    waitUntilLeft();
+    stopProvider();
 }
 
 module_init(loadModule);
