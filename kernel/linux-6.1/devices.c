@@ -23,8 +23,10 @@ static struct known_device *recordOf(const struct block_device *bdev)
 {
     struct known_device *device;
 
-    hash_for_each_possible_rcu_notrace(known, device, link,
-                                       bdev->bd_dev) if (device->bdev == bdev) return device;
+    hash_for_each_possible_rcu_notrace(known, device, link, bdev->bd_dev) {
+        if (device->bdev == bdev)
+            return device;
+    }
     return NULL;
 }
 
@@ -32,9 +34,10 @@ static struct block_device *findMissing(dev_t number)
 {
     struct known_device *device;
 
-    hash_for_each_possible_rcu_notrace(known, device, link,
-                                       number) if (device->bdev->bd_dev == number &&
-                                                   isMissing(device->bdev)) return device->bdev;
+    hash_for_each_possible_rcu_notrace(known, device, link, number) {
+        if (device->bdev->bd_dev == number && isMissing(device->bdev))
+            return device->bdev;
+    }
     return NULL;
 }
 
@@ -106,8 +109,7 @@ void forgetDevices(void)
     struct hlist_node *next;
     int bucket;
 
-    hash_for_each_safe(known, bucket, next, device, link)
-    {
+    hash_for_each_safe(known, bucket, next, device, link) {
         hash_del(&device->link);
         drop(device->bdev);
         kfree(device);

@@ -67,8 +67,10 @@ static __always_inline struct hooked_disk *findDisk(struct request_queue *queue)
 {
     struct hooked_disk *disk;
 
-    hash_for_each_possible_rcu_notrace(disks, disk, link,
-                                       (unsigned long)queue) if (disk->queue == queue) return disk;
+    hash_for_each_possible_rcu_notrace(disks, disk, link, (unsigned long)queue) {
+        if (disk->queue == queue)
+            return disk;
+    }
     return NULL;
 }
 
@@ -384,8 +386,7 @@ void stopHooks(void)
         schedule_timeout_uninterruptible(1);
     synchronize_rcu();
     synchronize_rcu_tasks();
-    hash_for_each_safe(disks, bucket, next, disk, link)
-    {
+    hash_for_each_safe(disks, bucket, next, disk, link) {
         flush_work(&disk->work);
         if (disk->opened != NULL)
             blkdev_put(disk->opened, FMODE_READ);

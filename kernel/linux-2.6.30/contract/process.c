@@ -56,9 +56,11 @@ int threadRuns(void)
     int found = 0;
 
     rcu_read_lock();
-    for_each_process(
-        task) if (task != current && task->state == TASK_RUNNING &&
-                  (task->real_parent == current || strcmp(task->comm, "contract") == 0)) found = 1;
+    for_each_process(task) {
+        if (task != current && task->state == TASK_RUNNING &&
+            (task->real_parent == current || strcmp(task->comm, "contract") == 0))
+            found = 1;
+    }
     rcu_read_unlock();
     return found;
 }

@@ -81,9 +81,11 @@ int threadRuns(void)
     int found = 0;
 
     rcu_read_lock();
-    for_each_process(task) if (task != current && task_is_running(task) &&
-                               (strcmp(task->comm, THIS_MODULE->name) == 0 ||
-                                strcmp(task->comm, "contract") == 0)) found = 1;
+    for_each_process(task) {
+        if (task != current && task_is_running(task) &&
+            (strcmp(task->comm, THIS_MODULE->name) == 0 || strcmp(task->comm, "contract") == 0))
+            found = 1;
+    }
     rcu_read_unlock();
     return found;
 }
