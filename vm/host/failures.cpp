@@ -37,8 +37,9 @@ const FailingFunction functions[] = {
     {"read", "zk_bio_uptodate", 0}, // the module looks at the end of each of its reads
 };
 
-// The kernel's own function: it is called before the module's place can be known.
-constexpr const char *registration = "register_chrdev";
+// The kernel's own function, which has another name in newer ones: it is called before the module's
+// place can be known.
+constexpr const char *registrations[] = {"register_chrdev", "__register_chrdev"};
 
 template<class T> T recordAt(const std::string &file, std::size_t at)
 {
@@ -92,6 +93,24 @@ public:
 
     static constexpr const char *code = ".text";
 
+    struct Section {
+        std::string name;
+        std::uint32_t bytes;
+        bool isCode;
+    };
+    // Those that stay in memory.
+    std::vector<Section> lastingSections() const
+    {
+        std::vector<Section> lasting;
+        for (unsigned i = 0; i < header_.e_shnum; i++) {
+            Elf32_Shdr record = section(i);
+            std::string name = nameOf(record);
+            if ((record.sh_flags & SHF_ALLOC) != 0 && name.rfind(".init", 0) != 0)
+                lasting.push_back({name, record.sh_size, (record.sh_flags & SHF_EXECINSTR) != 0});
+        }
+        return lasting;
+    }
+
 private:
     Elf32_Shdr section(unsigned i) const
     {
@@ -110,41 +129,78 @@ private:
     const Elf32_Ehdr header_;
 };
 
-std::uint32_t addressInKernel(const std::string &name, Worker &worker)
+std::uint32_t addressOfRegistration(Worker &worker)
 {
     std::istringstream symbols(worker.read("/proc/kallsyms"));
     std::string address;
     std::string type;
     for (std::string symbol; symbols >> address >> type && std::getline(symbols, symbol);)
-        if (symbol == " " + name)
-            return static_cast<std::uint32_t>(std::stoul(address, nullptr, 16));
-    throw std::runtime_error("the guest's kernel does not tell where " + name + " is");
+        for (std::string name : registrations)
+            if (symbol == " " + name)
+                return static_cast<std::uint32_t>(std::stoul(address, nullptr, 16));
+    throw std::runtime_error("the guest's kernel does not tell where devices are registered");
 }
 
-std::uint32_t startOfCode(Worker &worker)
+// Where a section of the loaded module is; 0 if the kernel does not tell.
+std::uint32_t addressOf(const std::string &section, Worker &worker)
 {
-    std::string start = worker.read(std::string("/sys/module/zelmod/sections/") + ObjectFile::code);
-    if (start.empty())
+    std::string address = worker.read("/sys/module/zelmod/sections/" + section);
+    return address.empty() ? 0 : static_cast<std::uint32_t>(std::stoul(address, nullptr, 16));
+}
+
+std::uint32_t addressOfNeeded(const std::string &section, Worker &worker)
+{
+    std::uint32_t address = addressOf(section, worker);
+    if (address == 0)
         throw std::runtime_error("the guest's kernel does not tell where the module is");
-    return static_cast<std::uint32_t>(std::stoul(start, nullptr, 16));
+    return address;
 }
 
-// The module has whole pages; what is behind its end in the last one nobody uses.
-std::uint32_t startOfRest(Worker &worker, std::uint32_t bytes)
+std::uint32_t endOfModule(Worker &worker)
 {
-    constexpr std::uint32_t page = 4096;
     std::istringstream modules(worker.read("/proc/modules"));
     for (std::string line; std::getline(modules, line);) {
         std::istringstream words(line);
         std::string name, count, users, state, start;
         std::uint32_t size = 0;
-        if (words >> name >> size >> count >> users >> state >> start && name == "zelmod") {
-            if ((page - size % page) % page < bytes)
-                throw std::runtime_error("the module leaves no room behind its end");
+        if (words >> name >> size >> count >> users >> state >> start && name == "zelmod")
             return static_cast<std::uint32_t>(std::stoul(start, nullptr, 16)) + size;
-        }
     }
     throw std::runtime_error("the guest's kernel does not tell how long the module is");
+}
+
+// Where nothing of the module is, but code can run. A newer kernel has whole pages for the code,
+// whose rest nobody uses; an older one has code and data side by side, and runs either.
+std::uint32_t roomForCode(const ObjectFile &file, Worker &worker, std::uint32_t bytes)
+{
+    constexpr std::uint32_t page = 4096;
+    std::uint32_t end = 0;
+    for (const ObjectFile::Section &section : file.lastingSections())
+        if (section.isCode)
+            end = std::max(end, addressOf(section.name, worker) + section.bytes);
+    std::uint32_t pageEnd = (end + page - 1) / page * page;
+    bool sharesPage = false;
+    for (const ObjectFile::Section &section : file.lastingSections()) {
+        std::uint32_t address = addressOf(section.name, worker);
+        sharesPage |= address >= end && address < pageEnd;
+    }
+    if (sharesPage) {
+        end = endOfModule(worker);
+        pageEnd = (end + page - 1) / page * page;
+    }
+    if (pageEnd - end < bytes)
+        throw std::runtime_error("the module leaves no room behind its code");
+    return end;
+}
+
+// Memory of the module that can be written and that nobody uses: what the module's name leaves of
+// the room for one, behind the state and two pointers in the kernel's record of it.
+std::uint32_t roomForCounter(Worker &worker)
+{
+    constexpr std::uint32_t nameOffset = 12;
+    constexpr std::uint32_t nameRoom = 60;
+    return addressOfNeeded(".gnu.linkonce.this_module", worker) + nameOffset + nameRoom -
+           sizeof(std::uint32_t);
 }
 
 std::string bytesOf(std::uint32_t value)
@@ -188,15 +244,15 @@ Failures::Failures(const std::string &module, const std::string &debugger)
 
 void Failures::failInModule(const std::string &kind, unsigned n, Worker &worker)
 {
-    constexpr std::uint32_t mostBytes = 64; // of a counter and two functions' stubs
-    std::uint32_t start = startOfCode(worker);
-    std::uint32_t counter = startOfRest(worker, mostBytes);
-    std::uint32_t stub = counter + sizeof(n);
+    ObjectFile file(module_);
+    std::uint32_t start = addressOfNeeded(ObjectFile::code, worker);
+    std::uint32_t counter = roomForCounter(worker);
+    std::uint32_t stub = roomForCode(file, worker, 2 * stubBytes); // no kind has more functions
     Bytes bytes = {{counter, bytesOf(n)}};
     for (const FailingFunction &failing : functions) {
         if (failing.kind != kind)
             continue;
-        Function function = ObjectFile(module_).find(failing.name);
+        Function function = file.find(failing.name);
         bytes[stub] = stubAt(stub, counter, start + function.begin);
         results_[stub + nthOffset] = failing.result;
         for (std::uint32_t call : function.calls) {
@@ -222,7 +278,7 @@ void Failures::failNth(const std::string &kind, unsigned n, Worker &worker)
         return failInModule(kind, n, worker);
     if (n != 1)
         throw std::logic_error("the device is registered once");
-    std::uint32_t function = addressInKernel(registration, worker);
+    std::uint32_t function = addressOfRegistration(worker);
     results_[function] = static_cast<std::uint32_t>(-EBUSY);
     debugger_.whileStopped([&](StoppedGuest &guest) { guest.setBreakpoint(function); });
 }

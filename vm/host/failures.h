@@ -14,7 +14,7 @@ namespace vm
 
 /*
  * The calls are those of the functions by which the module's own sources reach the kernel. In the
- * loaded module they are led to a few instructions behind its end, which count them and go on to
+ * loaded module they are led to a few instructions behind its code, which count them and go on to
  * the function; the emulator's debugger stops the n-th there and lets it go back to its caller with
  * the result of a failure. Neither the kernel nor the module's file is another one than usual.
  */

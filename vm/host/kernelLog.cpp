@@ -18,6 +18,7 @@ const std::regex
           "inconsistent lock state|possible irq lock|lock held when returning|bad unlock balance|"
           "slab error|Slab corruption|Internal list corruption|still has objects|"
           "Objects remaining|double free|Bad page|general protection|divide error|"
+          "invalid opcode|double fault|stack guard page|UBSAN:|list_(add|del) corruption|"
           "EXT[234]-fs error|Kernel panic|soft lockup|stack overflow|Unable to handle",
           std::regex::optimize);
 
@@ -83,7 +84,7 @@ FaultReports faultReports(const std::string &log)
     std::vector<std::string> lines;
     std::istringstream in(log);
     // At the end the kernel stops its processors, and may complain of itself for that.
-    for (std::string line; std::getline(in, line) && !has(line, "Restarting system.");)
+    for (std::string line; std::getline(in, line) && !has(line, "Restarting system");)
         lines.push_back(line);
     FaultReports found;
     for (std::size_t i = 0; i < lines.size(); i++) {

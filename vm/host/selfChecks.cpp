@@ -244,9 +244,12 @@ void countsWhatIsInUse(Environment &env)
 void findsFaultReports(Environment &)
 {
     const std::string circle = "[ INFO: possible circular locking dependency detected ]\n";
-    const std::string fine = "[ 1.2] Bringing up CPUs\n[ 1.3] EXT3-fs: mounted filesystem\n";
+    const std::string fine = "[ 1.2] Bringing up CPUs\n[ 1.3] EXT3-fs: mounted filesystem\n"
+                             "[ 1.4] RCU CPU stall warnings timeout set to 120.\n"
+                             "[ 1.5] I/O error, dev sda, sector 8471 op 0x0:(READ) flags 0x800\n";
     for (std::string report :
-         {"[   12.3] BUG: soft lockup - CPU#0 stuck for 61s!\n", "Oops: 0000 [#1] SMP\n",
+         {"[   12.3] BUG: soft lockup - CPU#0 stuck for 61s!\n",
+          "Oops: 0000 [#1] SMP\n",
           "WARNING: at fs/buffer.c:1186 mark_buffer_dirty+0x23/0x72()\n",
           "INFO: task kbackupd:812 blocked for more than 120 seconds.\n",
           "BUG: scheduling while atomic: agent/812/0x00000002\n",
@@ -257,11 +260,21 @@ void findsFaultReports(Environment &)
           "SLUB pages: kmem_cache_destroy called for cache that still has objects.\n",
           "[   12.3] divide error: 0000 [#1] SMP\n",
           "EXT3-fs error (device sda1): ext3_free_blocks_sb: bit already cleared for block 9\n",
-          "EXT4-fs error (device vda1) in ext4_free_blocks: Journal has aborted\n"})
+          "EXT4-fs error (device vda1) in ext4_free_blocks: Journal has aborted\n",
+          "BUG: kernel NULL pointer dereference, address: 00000008\n",
+          "Oops: 0002 [#1] PREEMPT SMP\n",
+          "WARNING: CPU: 1 PID: 120 at block/blk-core.c:690 submit_bio_noacct+0x1/0x2\n",
+          "kernel BUG at mm/slub.c:381!\n",
+          "invalid opcode: 0000 [#1] PREEMPT SMP NOPTI\n",
+          "INFO: task jbd2/sda1-8:120 blocked for more than 120 seconds.\n",
+          "rcu: INFO: rcu_preempt detected stalls on CPUs/tasks:\n",
+          "watchdog: BUG: soft lockup - CPU#1 stuck for 122s! [kbackupd:120]\n",
+          "list_del corruption. prev->next should be c4a5c0a8, but was c4a5c0b0\n"})
         expect(faultReports(fine + report + fine).lines.size() == 1, "a report: " + report);
     expect(faultReports(fine).lines.empty(), "no report where there is none");
-    expect(faultReports("Restarting system.\nWARNING: at smp.c\n").lines.empty(),
-           "what comes after the end left out");
+    for (std::string end : {"Restarting system.\n", "reboot: Restarting system\n"})
+        expect(faultReports(end + "WARNING: at smp.c\n").lines.empty(),
+               "what comes after the end left out");
 
     FaultReports full =
         faultReports(fine + "[ 9.1] BUG: MAX_STACK_TRACE_ENTRIES too low!\n" + fine);
