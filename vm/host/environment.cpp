@@ -33,8 +33,8 @@ void require(int result, const std::string &what)
 
 GuestOptions optionsOf(const Setting &setting)
 {
-    return {setting.kernel, setting.initramfs, diskSocket,          setting.diskKind,
-            debuggerSocket, setting.console,   setting.emulatorLog, setting.timeout};
+    return {setting.kernel,  setting.initramfs,   diskSocket,      setting.diskKind, debuggerSocket,
+            setting.console, setting.emulatorLog, setting.timeout, setting.mebibytes};
 }
 
 class ThreadBackground : public scenario::Environment::Background
@@ -300,7 +300,7 @@ std::string Environment::lostWrites(unsigned index)
 // are made one by the kernel: keep them apart, as far as it goes (a page).
 void Environment::failReads(unsigned index, std::uint32_t first, std::uint32_t count)
 {
-    setQueue(longestRequest, 4);
+    setQueue(longestRequest, "4");
     for (std::uint32_t place = first; place < first + count; place++)
         disk_->failReads(offsetOf(index, place), blockSize(index));
 }
@@ -308,13 +308,17 @@ void Environment::failReads(unsigned index, std::uint32_t first, std::uint32_t c
 void Environment::clearReadFailures()
 {
     disk_->clearReadFailures();
-    setQueue(longestRequest, 128);
+    setQueue(longestRequest, "128");
 }
 
-void Environment::setQueue(const std::string &property, unsigned value)
+std::string Environment::queue(const std::string &property)
 {
-    require(writer().worker.write(diskFolder_ + "/queue/" + property, std::to_string(value)),
-            property);
+    return writer().worker.read(diskFolder_ + "/queue/" + property);
+}
+
+void Environment::setQueue(const std::string &property, const std::string &value)
+{
+    require(writer().worker.write(diskFolder_ + "/queue/" + property, value), property);
 }
 
 // Of the writes only a scenario's own fail: a file system does not outlive the failure of one of

@@ -31,6 +31,7 @@ struct Setting {
     std::string console;
     std::string emulatorLog;
     std::chrono::seconds timeout{300};
+    unsigned mebibytes = 1024; // of the guest's memory
 };
 
 class Environment : public scenario::Environment
@@ -58,8 +59,9 @@ public:
     test::Bitmap written(unsigned index) const { return devices_.at(index)->written(); }
     // What the kernel has printed so far.
     std::string kernelLog() const;
-    // Sets a property of the disk's queue, as the guest's /sys names it.
-    void setQueue(const std::string &property, unsigned value);
+    // A property of the disk's queue, as the guest's /sys names and shows it.
+    std::string queue(const std::string &property);
+    void setQueue(const std::string &property, const std::string &value);
     // Puts bytes at a place of the disk, behind the guest's back.
     void spoil(unsigned index, std::uint32_t place, const scenario::Image &bytes);
 

@@ -70,7 +70,7 @@ std::vector<std::string> emulatorArguments(const GuestOptions &options, int memo
             "-smp",
             "2",
             "-m",
-            "1024",
+            std::to_string(options.mebibytes),
             "-kernel",
             options.kernel,
             "-initrd",

@@ -35,6 +35,7 @@ struct GuestOptions {
     std::string console; // the file for what the kernel prints
     std::string emulatorLog;
     std::chrono::seconds timeout; // for all that is done with it
+    unsigned mebibytes = 1024;    // of memory
     // In place of that disk, if there are any: disks as the emulator's option -drive has them.
     std::vector<std::string> drives = {};
     std::string kernelOptions = {}; // besides those that every guest has

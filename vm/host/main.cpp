@@ -242,6 +242,7 @@ public:
     {
         std::string name = scenario.name + " on " + disk;
         setting_.diskKind = disk;
+        setting_.mebibytes = scenario.mebibytes;
         setting_.timeout = std::chrono::seconds(options_.timeout) + scenario.longer;
         auto begin = std::chrono::steady_clock::now();
         std::string problem = runInGuest(setting_, scenario);

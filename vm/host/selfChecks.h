@@ -12,6 +12,7 @@ struct GuestScenario {
     scenario::Layout layout;
     std::function<void(Environment &)> run; // throws scenario::Failure
     std::chrono::seconds longer{0};         // than the time that any scenario has
+    unsigned mebibytes = 1024;              // of the guest's memory
 };
 
 std::vector<GuestScenario> selfChecks();

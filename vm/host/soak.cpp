@@ -1,12 +1,15 @@
 /*
- * Each cycle loads the module, tracks two partitions that processes write to without a pause,
- * begins a backup, ends it in one of several ways, and unloads the module. The next cycle begins
- * while the writers go on in what the module has left.
+ * Each cycle loads the module, tracks three partitions, begins a backup, ends it in one of several
+ * ways, and unloads the module. All the while processes write to two of the partitions without a
+ * pause, and the disk's queue goes from one scheduler to the next, for which the kernel stops it.
+ * The next cycle begins while the writers go on in what the module has left.
  */
 #include "soak.h"
 
 #include <atomic>
 #include <cstdio>
+#include <iterator>
+#include <sstream>
 
 #include "kernelUse.h"
 #include "remoteProcess.h"
@@ -22,9 +25,13 @@ using scenario::expect;
 using scenario::expectEqual;
 using scenario::Storm;
 
-constexpr unsigned devices = 2;
+constexpr unsigned devices = 2;   // that the writers have
+constexpr unsigned ownDevice = 2; // is not theirs
+constexpr unsigned tracked = 3;
 constexpr unsigned writers = 4;
 constexpr unsigned fewWrites = 5;
+constexpr unsigned littleMemory = 96; // MiB
+constexpr const char *fewestRequests = "4";
 
 // One device's backup in a cycle.
 struct Backup {
@@ -89,6 +96,25 @@ void closeWithWritesHeld(const Backup &backup)
     closing->join();
 }
 
+// Writes as long as a process can ask for, every block of which is still to be backed up; the
+// kernel splits them or not.
+void writeLongBios(const Backup &backup)
+{
+    constexpr std::uint32_t places = 1000; // which lie side by side
+    constexpr std::uint32_t count = 200;
+    test::Agent agent;
+    begin(backup, agent);
+    test::Bitmap all = test::fullBitmap(agent.blocks());
+    expectEqual(agent.loadBlockMap(all, agent.blocks()), 0, "the result of LoadBlockMap");
+    for (std::uint32_t place = 0; place < places; place += count)
+        expectEqual(backup.env.writeThrough(backup.device, place, count), 0,
+                    "the result of a long write");
+    scenario::Image image(std::size_t{agent.blocks()} * agent.blockSize());
+    expectEqual(agent.readInto(image, all), 0, "the result of reading");
+    scenario::expectFrozen(image, backup.env, backup.device, all);
+    expectEqual(agent.close(), 0, "the result of close");
+}
+
 // In the middle of a read, as like as not.
 void killAgent(const Backup &backup)
 {
@@ -125,8 +151,8 @@ void leaveAlone(const Backup &backup)
     backup.storm.awaitWrites(fewWrites);
 }
 
-constexpr void (*endings[])(const Backup &) = {readAll, closeWithWritesHeld, killAgent, shutDown,
-                                               leaveAlone};
+constexpr void (*endings[])(const Backup &) = {
+    readAll, closeWithWritesHeld, writeLongBios, killAgent, shutDown, leaveAlone};
 constexpr unsigned kinds = std::size(endings);
 
 // Tasks sleep inside the module's hook, since the queue below it is full, when the module goes: its
@@ -149,15 +175,63 @@ void unloadWithSleepersInside(Environment &env, Storm &storm)
     unloading->join();
 }
 
+// Gives the queue one scheduler after the other for as long as this lives. A scheduler brings its
+// own number of requests along.
+class Switcher
+{
+public:
+    explicit Switcher(Environment &env)
+        : env_(env), schedulers_(known(env.queue("scheduler"))), task_(env.start([this] { run(); }))
+    {
+    }
+    ~Switcher() { stop_ = true; }
+    Switcher(const Switcher &) = delete;
+
+    // Waits for its end, and throws what went wrong.
+    void end()
+    {
+        stop_ = true;
+        task_->join();
+        expect(switches_ != 0, "a scheduler that was changed");
+    }
+
+private:
+    // "none [mq-deadline]": all of them, the one in use marked.
+    static std::vector<std::string> known(std::string list)
+    {
+        std::erase_if(list, [](char c) { return c == '[' || c == ']'; });
+        std::istringstream in(list);
+        std::vector<std::string> names{std::istream_iterator<std::string>(in), {}};
+        expect(names.size() > 1, "a kernel with more than one scheduler, and not only " + list);
+        return names;
+    }
+    void run()
+    {
+        constexpr unsigned between = 100000; // microseconds
+        while (!stop_) {
+            env_.setQueue("scheduler", schedulers_[switches_++ % schedulers_.size()]);
+            env_.setQueue("nr_requests", fewestRequests);
+            env_.pause(between);
+        }
+    }
+
+    Environment &env_;
+    const std::vector<std::string> schedulers_;
+    std::atomic<bool> stop_{false};
+    unsigned switches_ = 0;
+    std::unique_ptr<scenario::Environment::Background> task_; // last: it uses the others
+};
+
 void cycle(Environment &env, Storm &storm, unsigned number)
 {
     expectEqual(env.load(), 0, "the result of loading");
-    AMSessionKey keys[devices];
-    for (unsigned device = 0; device < devices; device++)
+    AMSessionKey keys[tracked];
+    for (unsigned device = 0; device < tracked; device++)
         keys[device] = track(env, device);
     storm.awaitWrites(fewWrites);
-    unsigned device = number / kinds % devices;
-    endings[number % kinds]({env, storm, device, keys[device]});
+    auto ending = endings[number % kinds];
+    unsigned device = ending == writeLongBios ? ownDevice : number / kinds % devices;
+    ending({env, storm, device, keys[device]});
     storm.awaitWrites(fewWrites);
     if (number % 2 == 0)
         unloadWithSleepersInside(env, storm);
@@ -169,6 +243,7 @@ void runCycles(Environment &env, const std::set<std::string> &caches, unsigned c
 {
     Worker worker(env.guest());
     Storm storm(env, writers, devices);
+    Switcher switcher(env);
     for (unsigned i = 0; i < cycles; i++) {
         cycle(env, storm, i);
         std::string left = leftOfModule(worker, caches);
@@ -176,12 +251,13 @@ void runCycles(Environment &env, const std::set<std::string> &caches, unsigned c
                                  "; it is " + left);
     }
     storm.awaitWrites(fewWrites);
+    switcher.end();
     storm.end();
-    for (unsigned device = 0; device < devices; device++)
+    for (unsigned device = 0; device < tracked; device++)
         scenario::expectNoLostWrites(env, device);
     // Frozen once more with nobody writing: that empties the journals, which keep buffers.
     expectEqual(env.load(), 0, "the result of the last load");
-    for (unsigned device = 0; device < devices; device++)
+    for (unsigned device = 0; device < tracked; device++)
         track(env, device);
     expectEqual(env.unload(), 0, "the result of the last unload");
 }
@@ -210,8 +286,7 @@ void soak(Environment &env, unsigned cycles)
 {
     Worker worker(env.guest());
     std::set<std::string> caches = slabCaches(worker);
-    env.setQueue("nr_requests", 4); // the fewest
-    runCycles(env, caches, kinds);  // the kernel's own caches grow to what they need
+    runCycles(env, caches, kinds); // the kernel's own caches grow to what they need
     KernelUse before = lastingUse(worker);
     auto begin = std::chrono::steady_clock::now();
     runCycles(env, caches, cycles);
@@ -236,10 +311,13 @@ void soak(Environment &env, unsigned cycles)
 std::vector<GuestScenario> soakScenarios(unsigned cycles)
 {
     constexpr std::chrono::seconds most{40}; // for a cycle, on a busy machine
-    return {{"SoakOf" + std::to_string(cycles) + "Cycles",
-             {1, {4096, 1024}, true},
-             [cycles](Environment &env) { soak(env, cycles); },
-             (cycles + kinds) * most}};
+    const scenario::Layout layout = {3, {4096, 1024, 4096}, true};
+    auto run = [cycles](Environment &env) { soak(env, cycles); };
+    std::string name = "SoakOf" + std::to_string(cycles) + "Cycles";
+    std::chrono::seconds longer = (cycles + kinds) * most;
+    return {
+        {name, layout, run, longer},
+        {name + "In" + std::to_string(littleMemory) + "MiB", layout, run, longer, littleMemory}};
 }
 
 } // namespace vm
