@@ -2,10 +2,11 @@
 
 SEEDS ?= 20000
 SECONDS ?= 60
+CYCLES ?= 200
 ARGUMENTS ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build check demo machine module vm vm-bench package simulate bench fuzz format lint hook clean
+.PHONY: help setup build check demo machine module vm soak vm-bench package simulate bench fuzz format lint hook clean
 
 help: ## list the targets
 	@echo "make TARGET, where TARGET is one of:"
@@ -17,8 +18,8 @@ setup: ## install the packages and the C library that the build needs (root for 
 build: setup ## build the programs (zel, zelsend, zelmachine) into build/native
 	@tools/build.sh native programs
 
-check: setup ## build and test everything; KDIR=<tree> KERNEL=<bzImage>: in that kernel, too
-	@[ -z "$(KERNEL)" ] || tools/setup.sh qemu-system-x86
+check: ## build and test everything; KDIR=<tree> KERNEL=<bzImage>: in that kernel, too
+	@tools/setup.sh qemu-system-x86
 	@tools/check.sh
 
 demo: build ## back up a live file system, restore every point and compare
@@ -27,12 +28,16 @@ demo: build ## back up a live file system, restore every point and compare
 machine: build ## start the demonstration machine and leave it running
 	@tools/machine.sh $(ARGUMENTS)
 
-module: setup ## build zelmod.ko for a real kernel: make module KDIR=<built 2.6.30 tree>
+module: setup ## build zelmod.ko for Debian 12's kernel, or another: make module KDIR=<built tree>
 	@tools/module.sh "$(KDIR)"
 
-vm: ## run contract and scenarios in a real kernel: make vm KERNEL=<bzImage> MODULE=<zelmod.ko>
-	@[ -z "$(KERNEL)" ] || tools/setup.sh qemu-system-x86
+vm: ## run contract and scenarios in Debian 12's kernel, or KERNEL=<bzImage> MODULE=<zelmod.ko>
+	@tools/setup.sh qemu-system-x86
 	@tools/vm.sh "$(KERNEL)" "$(MODULE)" $(ARGUMENTS)
+
+soak: ## load, use and unload the module again and again in that kernel: make soak CYCLES=N
+	@tools/setup.sh qemu-system-x86
+	@tools/vm.sh "$(KERNEL)" "$(MODULE)" --cycles $(CYCLES) $(ARGUMENTS) Soak
 
 vm-bench: ## measure in a real kernel: make vm-bench KERNEL=<bzImage> MODULE=<zelmod.ko>
 	@[ -z "$(KERNEL)" ] || tools/setup.sh qemu-system-x86

@@ -2,13 +2,17 @@
 # Boots a real kernel in an emulator and runs the scenarios on the module in it, and the contract's
 # checks if zelcontract.ko is beside the module; or measures what the module costs there.
 #
-#   tools/vm.sh <kernel> <module> [--disk ide|virtio]... [--timeout seconds] [--cycles count]
+#   tools/vm.sh [<kernel> [<module>]] [--disk ide|virtio]... [--timeout seconds] [--cycles count]
 #               [name...]
 #   tools/vm.sh --bench <kernel> <module> [--rounds N] [--scheduler NAME] [--processors 1|2]
 #
+# Kernel and module may be empty. Without a kernel it is Debian 12's current one, which is fetched, and
+# the file systems are ext4; without a module, too, that is built for it. A kernel that is given has
+# its drivers built in, and the file systems are ext3.
+#
 # A scenario is named by any part of its name, a check by "Contract." and the beginning of its name;
 # without any, all are run, with each kind of disk. What the kernels printed is in
-# build/vm/console.log afterwards, or in build/vm-bench/console.log.
+# build/vm/console.log afterwards, or in build/vm-bench/console.log; VM_FOLDER names another folder.
 set -euo pipefail
 
 fail()
@@ -24,24 +28,37 @@ if [ "${1:-}" = --bench ]; then
 fi
 kernel=${1:-}
 module=${2:-}
-[ -n "$kernel" ] || fail "runs a real 32-bit Linux under an emulator; it needs that kernel's image:" \
-    "make $target KERNEL=<bzImage> MODULE=<zelmod.ko>"
-[ -n "$module" ] || fail "needs the module, as 'make module' builds it for this kernel:" \
-    "make $target KERNEL=$kernel MODULE=<zelmod.ko>"
-[ -f "$kernel" ] && [ -r "$kernel" ] || fail "$kernel: no such kernel"
-[ -f "$module" ] && [ -r "$module" ] || fail "$module: no such module"
+shift $(($# < 2 ? $# : 2))
+needKernel="runs a real 32-bit Linux under an emulator; it needs that kernel's image"
+[ -n "$kernel" ] || [ "$target" = vm ] || fail "$needKernel: make vm-bench KERNEL=<bzImage> MODULE=<zelmod.ko>"
+[ -n "$module" ] || [ -z "$kernel" ] ||
+    fail "needs the module, as 'make module' builds it for this kernel: make $target KERNEL=$kernel MODULE=<zelmod.ko>"
+for file in "$kernel" "$module"; do
+    [ -z "$file" ] || { [ -f "$file" ] && [ -r "$file" ]; } || fail "$file: no such file"
+done
 command -v qemu-system-i386 >/dev/null ||
     fail "qemu-system-i386 is missing: tools/setup.sh qemu-system-x86"
-kernel=$(readlink -f "$kernel")
-module=$(readlink -f "$module")
-shift 2
+[ -z "$kernel" ] || kernel=$(readlink -f "$kernel")
+[ -z "$module" ] || module=$(readlink -f "$module")
+[ -z "${VM_FOLDER:-}" ] || VM_FOLDER=$(realpath -m "$VM_FOLDER")
 
 cd "$(dirname "$(readlink -f "$0")")/.."
+if [ -n "$kernel" ]; then
+    of=()
+else
+    tools/fetch-kernel.sh
+    cache=$PWD/build/cache/linux-6.1
+    kernel=$cache/vmlinux
+    of=(--kernel-modules "$cache/root/lib/modules/$(cat "$cache/release")/kernel" --file-system ext4)
+    [ -n "$module" ] || tools/module.sh
+    module=${module:-$PWD/build/module/zelmod.ko}
+fi
 tools/build.sh i386 "$target"
 if [ "$target" = vm-bench ]; then
     exec build/i386/vm_bench --kernel "$kernel" --module "$module" --guest build/i386/vm_guest \
-        --bench-guest build/i386/vm_bench_guest --folder build/vm-bench "$@"
+        --bench-guest build/i386/vm_bench_guest --folder "${VM_FOLDER:-build/vm-bench}" "$@"
 fi
 tools/build.sh native zel
-exec build/i386/vm_scenarios --kernel "$kernel" --module "$module" --guest build/i386/vm_guest \
-    --zelsend build/i386/zelsend --zel build/native/zel --folder build/vm "$@"
+exec build/i386/vm_scenarios --kernel "$kernel" "${of[@]}" --module "$module" \
+    --guest build/i386/vm_guest --zelsend build/i386/zelsend --zel build/native/zel \
+    --folder "${VM_FOLDER:-build/vm}" "$@"
