@@ -57,6 +57,8 @@ public:
     // As Device has them.
     unsigned freezes(unsigned index) const { return devices_.at(index)->freezes(); }
     test::Bitmap written(unsigned index) const { return devices_.at(index)->written(); }
+    // The module's file.
+    const std::string &module() const { return setting_.module; }
     // What the kernel has printed so far.
     std::string kernelLog() const;
     // A property of the disk's queue, as the guest's /sys names and shows it.

@@ -1,12 +1,10 @@
 #include "failures.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <sstream>
 #include <stdexcept>
 
-#include <elf.h>
+#include "objectFile.h"
 
 namespace vm
 {
@@ -40,94 +38,6 @@ const FailingFunction functions[] = {
 // The kernel's own function, which has another name in newer ones: it is called before the module's
 // place can be known.
 constexpr const char *registrations[] = {"register_chrdev", "__register_chrdev"};
-
-template<class T> T recordAt(const std::string &file, std::size_t at)
-{
-    T record;
-    if (at > file.size() || sizeof(record) > file.size() - at)
-        throw std::runtime_error("the module's file is cut");
-    std::memcpy(&record, file.data() + at, sizeof(record));
-    return record;
-}
-
-// What there is of a function in the module's code, as offsets in it.
-struct Function {
-    std::uint32_t begin = 0;
-    std::vector<std::uint32_t> calls; // where a call has the distance to it
-};
-
-// One object file with a section of code.
-class ObjectFile
-{
-public:
-    explicit ObjectFile(const std::string &file)
-        : file_(file), header_(recordAt<Elf32_Ehdr>(file, 0))
-    {
-    }
-
-    Function find(const std::string &name) const
-    {
-        Function found;
-        bool defined = false;
-        for (unsigned i = 0; i < header_.e_shnum; i++) {
-            Elf32_Shdr calls = section(i);
-            if (calls.sh_type != SHT_REL || nameOf(section(calls.sh_info)) != code)
-                continue;
-            Elf32_Shdr symbols = section(calls.sh_link);
-            for (std::uint32_t at = 0; at < calls.sh_size; at += sizeof(Elf32_Rel)) {
-                auto call = recordAt<Elf32_Rel>(file_, calls.sh_offset + at);
-                auto symbol = recordAt<Elf32_Sym>(
-                    file_, symbols.sh_offset + ELF32_R_SYM(call.r_info) * sizeof(Elf32_Sym));
-                if (ELF32_R_TYPE(call.r_info) != R_386_PC32 ||
-                    text(section(symbols.sh_link), symbol.st_name) != name)
-                    continue;
-                defined = nameOf(section(symbol.st_shndx)) == code;
-                found.begin = symbol.st_value;
-                found.calls.push_back(call.r_offset);
-            }
-        }
-        if (!defined)
-            throw std::runtime_error("the module does not call " + name);
-        return found;
-    }
-
-    static constexpr const char *code = ".text";
-
-    struct Section {
-        std::string name;
-        std::uint32_t bytes;
-        bool isCode;
-    };
-    // Those that stay in memory.
-    std::vector<Section> lastingSections() const
-    {
-        std::vector<Section> lasting;
-        for (unsigned i = 0; i < header_.e_shnum; i++) {
-            Elf32_Shdr record = section(i);
-            std::string name = nameOf(record);
-            if ((record.sh_flags & SHF_ALLOC) != 0 && name.rfind(".init", 0) != 0)
-                lasting.push_back({name, record.sh_size, (record.sh_flags & SHF_EXECINSTR) != 0});
-        }
-        return lasting;
-    }
-
-private:
-    Elf32_Shdr section(unsigned i) const
-    {
-        return recordAt<Elf32_Shdr>(file_, header_.e_shoff + i * sizeof(Elf32_Shdr));
-    }
-    std::string text(const Elf32_Shdr &table, std::uint32_t at) const
-    {
-        return file_.c_str() + std::min<std::size_t>(table.sh_offset + at, file_.size());
-    }
-    std::string nameOf(const Elf32_Shdr &section) const
-    {
-        return text(this->section(header_.e_shstrndx), section.sh_name);
-    }
-
-    const std::string &file_;
-    const Elf32_Ehdr header_;
-};
 
 std::uint32_t addressOfRegistration(Worker &worker)
 {
@@ -252,7 +162,7 @@ void Failures::failInModule(const std::string &kind, unsigned n, Worker &worker)
     for (const FailingFunction &failing : functions) {
         if (failing.kind != kind)
             continue;
-        Function function = file.find(failing.name);
+        Function function = file.function(failing.name);
         bytes[stub] = stubAt(stub, counter, start + function.begin);
         results_[stub + nthOffset] = failing.result;
         for (std::uint32_t call : function.calls) {

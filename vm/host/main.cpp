@@ -19,6 +19,7 @@
 #include "kernelLog.h"
 #include "kernelModules.h"
 #include "partitionScenarios.h"
+#include "refusals.h"
 #include "selfChecks.h"
 #include "soak.h"
 #include "zelsendScenarios.h"
@@ -324,6 +325,8 @@ int runAll(const Options &options)
             all.push_back(withModule(scenario, std::chrono::seconds(0)));
     for (const Scenario &scenario : scenario::failureScenarios())
         all.push_back(withModule(scenario, timeForFailures));
+    for (vm::GuestScenario &scenario : vm::refusalScenarios())
+        all.push_back(std::move(scenario));
     for (vm::GuestScenario &scenario : vm::partitionScenarios())
         all.push_back(std::move(scenario));
     for (vm::GuestScenario &scenario : vm::zelsendScenarios(options.zel))

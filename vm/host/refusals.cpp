@@ -1,0 +1,77 @@
+#include "refusals.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+
+#include "objectFile.h"
+#include "worker.h"
+
+namespace vm
+{
+namespace
+{
+
+using scenario::expect;
+using scenario::expectEqual;
+
+// Loads this image, which must be refused with this message.
+void expectRefused(Environment &env, const std::string &image, const std::string &message)
+{
+    const std::string path = "/refused.ko";
+    Worker worker(env.guest());
+    int file = worker.open(path, O_CREAT | O_TRUNC | O_WRONLY);
+    expect(file >= 0, "a file for the image");
+    expectEqual(worker.writeAt(file, 0, {image.begin(), image.end()}, false), 0,
+                "the result of writing it");
+    worker.close(file);
+    std::size_t before = env.kernelLog().size();
+    expectEqual(worker.loadModule(path, static_cast<std::uint32_t>(image.size())), -ENOEXEC,
+                "the result of loading it");
+    std::string log = env.kernelLog().substr(before);
+    expect(log.find(message) != std::string::npos, "to be told \"" + message + "\", not: " + log);
+}
+
+void expectLoads(Environment &env)
+{
+    expectEqual(env.load(), 0, "the result of loading the right module");
+    expectEqual(env.unload(), 0, "the result of unloading it");
+}
+
+// The kernel looks at the configuration that the module says it was built for. It may pass over the
+// version, which comes first.
+void refusesAnotherVersionMagic(Environment &env)
+{
+    std::string image = env.module();
+    std::size_t at = image.find("vermagic=");
+    at = at == std::string::npos ? at : image.find(' ', at);
+    expect(at != std::string::npos, "a version magic in the module");
+    image[at + 1] ^= 'S' ^ 's';
+    expectRefused(env, image, "version magic");
+    expectLoads(env);
+}
+
+// Size or alignment of a semaphore are not what the sources were compiled with.
+void refusesOtherRecords(Environment &env)
+{
+    constexpr std::size_t recordBytes = 12; // a name's address, size and alignment
+    std::size_t first = ObjectFile(env.module()).data("embeddedSeen");
+    for (std::size_t number : {4, 8}) {
+        std::string image = env.module();
+        image.at(first + recordBytes + number)++;
+        expectRefused(env, image, "zelmod: not loaded: its sources take rw_semaphore for ");
+    }
+    expectLoads(env);
+}
+
+} // namespace
+
+std::vector<GuestScenario> refusalScenarios()
+{
+    return {
+        {"RefusesAModuleOfAnotherVersionMagic", {}, refusesAnotherVersionMagic},
+        {"RefusesAModuleWithOtherRecords", {}, refusesOtherRecords},
+    };
+}
+
+} // namespace vm

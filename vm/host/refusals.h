@@ -1,0 +1,13 @@
+/* Modules that must not be loaded, since they were made for another kernel. */
+#pragma once
+
+#include <vector>
+
+#include "selfChecks.h"
+
+namespace vm
+{
+
+std::vector<GuestScenario> refusalScenarios();
+
+} // namespace vm
