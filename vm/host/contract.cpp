@@ -194,6 +194,8 @@ void runContract(const ContractRun &run)
     while (next) {
         try {
             next = runSome(run, *next);
+        } catch (const NoDriver &) {
+            throw;
         } catch (const std::exception &failure) {
             run.report({std::string(contractPrefix) + "boots",
                         failure.what() + endOfLogs(run.setting.console, run.setting.emulatorLog),

@@ -28,7 +28,7 @@ struct ContractRun {
 constexpr const char *contractPrefix = "Contract.";
 
 // One boot for all of them, and another one after each check that does not hold, since it may have
-// left anything behind.
+// left anything behind. May throw NoDriver.
 void runContract(const ContractRun &run);
 
 } // namespace vm

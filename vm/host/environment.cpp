@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <utility>
 
 #include <fcntl.h>
@@ -71,6 +72,21 @@ private:
 
 } // namespace
 
+bool hasDriver(const std::string &devices, const std::string &diskKind)
+{
+    std::istringstream lines(devices);
+    bool ofBlocks = false;
+    for (std::string line; std::getline(lines, line);) {
+        std::string name = line.substr(line.rfind(' ') + 1);
+        ofBlocks = ofBlocks || line == "Block devices:";
+        // ATA disks are the SCSI layer's, or a driver's with a name for each controller.
+        if (ofBlocks &&
+            (diskKind == "virtio" ? name == "virtblk" : name == "sd" || name.rfind("ide", 0) == 0))
+            return true;
+    }
+    return false;
+}
+
 Environment::Environment(const Setting &setting, const scenario::Layout &layout) : setting_(setting)
 {
     DiskImage image = makeDiskImage(layout, setting.fileSystem);
@@ -103,6 +119,8 @@ Environment::~Environment()
 void Environment::findDevices(Worker &worker)
 {
     constexpr unsigned attempts = 100;
+    if (!hasDriver(worker.read("/proc/devices"), setting_.diskKind))
+        throw NoDriver("the kernel has no driver for disks of kind " + setting_.diskKind);
     for (unsigned attempt = 0; attempt < attempts; attempt++) {
         for (std::string disk : {"hda", "sda", "vda"}) {
             unsigned found = 0;

@@ -34,10 +34,21 @@ struct Setting {
     unsigned mebibytes = 1024; // of the guest's memory
 };
 
+// The guest's kernel has no driver for disks of that kind, so that nothing can be tried with one.
+class NoDriver : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Whether a kernel that lists these devices (as in its /proc/devices) has a driver for disks of a
+// kind.
+bool hasDriver(const std::string &devices, const std::string &diskKind);
+
 class Environment : public scenario::Environment
 {
 public:
-    // Boots the guest and mounts the file systems.
+    // Boots the guest and mounts the file systems. May throw NoDriver.
     Environment(const Setting &setting, const scenario::Layout &layout);
     ~Environment() override;
 

@@ -189,7 +189,7 @@ vm::GuestScenario withModule(const Scenario &scenario, std::chrono::seconds long
             longer};
 }
 
-// Empty, or why it failed.
+// Empty, or why it failed. May throw NoDriver.
 std::string runInGuest(const vm::Setting &setting, const vm::GuestScenario &scenario)
 {
     std::string problem;
@@ -205,6 +205,8 @@ std::string runInGuest(const vm::Setting &setting, const vm::GuestScenario &scen
         }
         if (problem.empty())
             problem = environment.end();
+    } catch (const vm::NoDriver &) {
+        throw;
     } catch (const std::exception &failure) {
         if (problem.empty())
             problem = failure.what() + vm::endOfLogs(setting.console, setting.emulatorLog);
@@ -246,14 +248,18 @@ public:
         setting_.mebibytes = scenario.mebibytes;
         setting_.timeout = std::chrono::seconds(options_.timeout) + scenario.longer;
         auto begin = std::chrono::steady_clock::now();
-        std::string problem = runInGuest(setting_, scenario);
-        std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
+        try {
+            std::string problem = runInGuest(setting_, scenario);
+            std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
+            report(name, problem, taken);
+        } catch (const vm::NoDriver &reason) {
+            skip(name, reason.what());
+        }
         keepConsole(name);
-        report(name, problem, taken);
     }
 
-    // The checks of the contract, if their module is there.
-    void runContract(const std::string &module, const std::string &disk, Choice &choice)
+    // The checks of the contract, if their module is there; false if they could not be run.
+    bool runContract(const std::string &module, const std::string &disk, Choice &choice)
     {
         vm::ContractRun run{setting_, {}, {}, {}};
         run.setting.diskKind = disk;
@@ -266,7 +272,14 @@ public:
             report(result.name + " on " + disk, result.problem, result.taken);
         };
         run.booted = [&] { keepConsole("Contract on " + disk); };
-        vm::runContract(run);
+        try {
+            vm::runContract(run);
+            return true;
+        } catch (const vm::NoDriver &reason) {
+            skip("Contract on " + disk, reason.what());
+            keepConsole("Contract on " + disk);
+            return false;
+        }
     }
 
     void skip(const std::string &name, const char *reason)
@@ -344,9 +357,10 @@ int runAll(const Options &options)
         if (!std::filesystem::exists(checks)) {
             run.skip("Contract", "there is no zelcontract.ko beside the module");
         } else {
+            bool ran = false;
             for (const std::string &disk : options.disks)
-                run.runContract(checks, disk, choice);
-            choice.refuseUnused(true);
+                ran = run.runContract(checks, disk, choice) || ran;
+            choice.refuseUnused(ran);
         }
     }
     for (const vm::GuestScenario &scenario : all)

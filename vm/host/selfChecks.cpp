@@ -306,6 +306,20 @@ void findsFaultReports(Environment &)
            "what the module holds");
 }
 
+// A kind of disk that the kernel has no driver for is told from a disk that is not there.
+void missesDrivers(Environment &)
+{
+    const std::string characters = "Character devices:\n 21 sg\n\n";
+    const std::string virtio = characters + "Block devices:\n  7 loop\n254 virtblk\n";
+    const std::string ata = characters + "Block devices:\n259 blkext\n  8 sd\n 65 sd\n";
+    const std::string none =
+        "Character devices:\n  8 sd\n254 virtblk\n\nBlock devices:\n  7 loop\n";
+    expect(hasDriver(virtio, "virtio") && hasDriver(ata, "ide"), "a driver to be seen");
+    expect(hasDriver(characters + "Block devices:\n  3 ide0\n", "ide"), "another one");
+    expect(!hasDriver(virtio, "ide") && !hasDriver(ata, "virtio"), "another kind's not to count");
+    expect(!hasDriver(none, "ide") && !hasDriver(none, "virtio"), "character devices not to count");
+}
+
 // A console is read bit by bit, and what tells of a lost guest has the emulator's messages.
 void readsLogs(Environment &)
 {
@@ -346,6 +360,7 @@ std::vector<GuestScenario> selfChecks()
         {"EnvironmentCountsWhatIsInUse", {}, countsWhatIsInUse},
         {"EnvironmentFindsFaultReports", {}, findsFaultReports},
         {"EnvironmentReadsLogs", {}, readsLogs},
+        {"EnvironmentMissesDrivers", {}, missesDrivers},
     };
 }
 
