@@ -17,6 +17,7 @@ namespace
 
 constexpr const char *controlNode = "/dev/device-mapper";
 constexpr unsigned miscMajor = 10;
+constexpr std::uint32_t listBytes = 4096; // room for the names of tens of targets
 
 void *pointer(std::uint32_t address)
 {
@@ -28,13 +29,13 @@ void putText(GuestProcess &process, const std::string &text)
     std::memcpy(pointer(process.area()), text.c_str(), text.size() + 1);
 }
 
-// The kernel gives the control device any free number.
-void addControlNode(Worker &worker)
+// The kernel gives the control device any free number. False if it has no device mapper.
+bool addControlNode(Worker &worker)
 {
     std::string list = worker.read("/proc/misc");
     std::size_t name = list.find("device-mapper");
     if (name == std::string::npos)
-        throw std::runtime_error("the guest's kernel has no device mapper");
+        return false;
     std::size_t line = list.rfind('\n', name);
     unsigned minor = 0;
     if (std::sscanf(list.c_str() + (line == std::string::npos ? 0 : line + 1), "%u", &minor) != 1)
@@ -42,6 +43,7 @@ void addControlNode(Worker &worker)
     int made = worker.makeNode(controlNode, S_IFCHR, miscMajor, minor);
     if (made != 0 && made != -EEXIST)
         throw std::runtime_error("the guest: mknod failed with " + std::to_string(made));
+    return true;
 }
 
 } // namespace
@@ -70,6 +72,26 @@ int MappedDevice::run(std::uint32_t number, Command &command)
     return result;
 }
 
+bool hasSnapshots(Guest &guest)
+{
+    Worker worker(guest);
+    if (!addControlNode(worker))
+        return false;
+    GuestProcess process(guest);
+    putText(process, controlNode);
+    std::int32_t control = process.systemCall(SYS_open, process.area(), O_RDWR);
+    // The names of its targets, each behind a header.
+    dm_ioctl header{};
+    header.version[0] = DM_VERSION_MAJOR;
+    header.data_size = listBytes;
+    header.data_start = sizeof(header);
+    std::memcpy(pointer(process.area()), &header, sizeof(header));
+    if (control < 0 || process.systemCall(SYS_ioctl, control, DM_LIST_VERSIONS, process.area()) < 0)
+        throw std::runtime_error("the guest's device mapper does not tell its targets");
+    std::string list(static_cast<const char *>(pointer(process.area())), listBytes);
+    return list.find("snapshot-origin") != std::string::npos;
+}
+
 MappedDevice::MappedDevice(Guest &guest, const std::string &name, std::uint64_t sectors,
                            const std::string &target, const std::string &parameters)
     : process_(guest), name_(name)
@@ -80,7 +102,8 @@ MappedDevice::MappedDevice(Guest &guest, const std::string &name, std::uint64_t 
                                      " failed with " + std::to_string(result));
     };
     Worker worker(guest);
-    addControlNode(worker);
+    if (!addControlNode(worker))
+        throw std::runtime_error("the guest's kernel has no device mapper");
     putText(process_, controlNode);
     control_ = process_.systemCall(SYS_open, process_.area(), O_RDWR);
     expect(control_, "opening the control device");

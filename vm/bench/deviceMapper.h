@@ -10,6 +10,9 @@
 namespace vm
 {
 
+// Whether the guest's kernel can make both devices of a snapshot.
+bool hasSnapshots(Guest &guest);
+
 // A device that the kernel's device mapper makes.
 class MappedDevice
 {

@@ -80,11 +80,12 @@ FreezeTimes measureFreezes(Machine &machine, unsigned rounds)
             small.freeze();
             large.freeze();
         }
-        std::printf("\nFreezes, as the module logs them: milliseconds, in whole ticks of 1 ms\n");
+        std::printf("\nFreezes, as the module logs them: milliseconds, in whole ticks of %.0f ms\n",
+                    machine.tick());
         std::printf("%-34s %-24s %-24s %10s\n", "", "until frozen", "until thawed", "blocks");
         small.report();
         large.report();
-        times = {small.frozen(), large.frozen()};
+        times = {small.frozen(), large.frozen(), machine.tick()};
     }
     machine.unload();
     return times;

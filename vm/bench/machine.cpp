@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -9,6 +11,7 @@
 #include <stdexcept>
 
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include "vm/host/guestProgram.h"
 #include "vm/host/initramfs.h"
@@ -119,7 +122,8 @@ std::string Machine::addNode(const std::string &disk, unsigned partition, kernel
     unsigned major = 0;
     unsigned minor = 0;
     if (std::sscanf(worker_->read(folder + "/dev").c_str(), "%u:%u", &major, &minor) != 2)
-        throw std::runtime_error("the guest has no " + name);
+        throw std::runtime_error("the guest has no " + name +
+                                 "; its kernel needs virtio disks and ramdisks built in");
     require(worker_->makeNode("/dev/" + name, S_IFBLK, major, minor), "mknod");
     *number = major << 20 | minor;
     return "/dev/" + name;
@@ -222,6 +226,21 @@ std::string Machine::clockSource()
     std::string name =
         worker_->read("/sys/devices/system/clocksource/clocksource0/current_clocksource");
     return name.substr(0, name.find('\n'));
+}
+
+// The guest has no timers of a higher resolution (Guest says so on its command line).
+double Machine::tick()
+{
+    struct {
+        std::int32_t seconds;
+        std::int32_t nanoseconds;
+    } resolution{};
+    GuestProcess process(*guest_);
+    require(process.systemCall(SYS_clock_getres, CLOCK_MONOTONIC, process.area()),
+            "asking for the clock's resolution");
+    std::memcpy(&resolution, reinterpret_cast<const void *>(std::uintptr_t{process.area()}),
+                sizeof(resolution));
+    return resolution.nanoseconds / 1e6;
 }
 
 } // namespace vm

@@ -86,6 +86,8 @@ public:
     // The number behind the last such text in the kernel's log.
     double logged(const std::string &text) const;
     std::string clockSource();
+    // How long a tick of the kernel's clock is, in milliseconds.
+    double tick();
 
 private:
     DiskCounts diskCounts();

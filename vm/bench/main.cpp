@@ -86,8 +86,7 @@ const char *verdict(const vm::Goal &goal)
 // clock.
 const char *verdict(const vm::FreezeTimes &times)
 {
-    constexpr double tick = 1;
-    if (vm::median(times.large) <= vm::median(times.small) + tick)
+    if (vm::median(times.large) <= vm::median(times.small) + times.tick)
         return "met";
     bool sure = vm::quantile(times.large, 0.25) > vm::quantile(times.small, 0.75);
     return sure ? "MISSED" : "MISSED, within the noise";

@@ -27,6 +27,7 @@ Goals measureReads(Machine &machine, unsigned rounds);
 struct FreezeTimes {
     Samples small;
     Samples large;
+    double tick = 0; // of the clock that they are measured with
 };
 FreezeTimes measureFreezes(Machine &machine, unsigned rounds);
 
