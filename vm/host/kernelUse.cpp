@@ -37,11 +37,11 @@ struct SlabCache {
     bool tunable = false; // by writing to that file: SLAB's caches are
 };
 
-std::vector<SlabCache> readSlabCaches(Worker &worker)
+std::vector<SlabCache> parseSlabCaches(const std::string &list)
 {
     const std::string noTunables = ": tunables    0    0    0 ";
     std::vector<SlabCache> caches;
-    for (const std::string &line : linesOf(worker.read(slabFile))) {
+    for (const std::string &line : linesOf(list)) {
         std::istringstream in(line);
         SlabCache cache;
         std::string label;
@@ -61,18 +61,41 @@ std::vector<SlabCache> readSlabCaches(Worker &worker)
     return caches;
 }
 
-// Free objects that an allocator keeps for each processor count as used. SLAB keeps no more than
-// one when it is tuned so, SLUB gives them back when it is told to shrink a cache.
-void returnFreeObjects(Worker &worker)
+std::vector<SlabCache> readSlabCaches(Worker &worker)
 {
+    return parseSlabCaches(worker.read(slabFile));
+}
+
+int require(int result, const std::string &what)
+{
+    if (result < 0)
+        throw std::runtime_error("the guest does not shrink the slab cache " + what + ": " +
+                                 std::to_string(result));
+    return result;
+}
+
+// The caches without the free objects that an allocator keeps for each processor, which it counts
+// as used. SLAB keeps no more than one when it is tuned so, SLUB gives them back when it is told to
+// shrink a cache. It counts all of a slab as used that a processor takes objects from, and to open
+// a file is to take some: all that is needed is open before.
+std::vector<SlabCache> shrunkSlabCaches(Worker &worker)
+{
+    int list = require(worker.open(slabFile, O_RDONLY), slabFile);
+    std::vector<int> files;
     for (const SlabCache &cache : readSlabCaches(worker)) {
-        int result = cache.tunable
-                         ? worker.write(slabFile, cache.name + " 1 1 0")
-                         : worker.write("/sys/kernel/slab/" + cache.name + "/shrink", "1");
-        if (result != 0)
-            throw std::runtime_error("the guest does not shrink the slab cache " + cache.name +
-                                     ": " + std::to_string(result));
+        if (cache.tunable)
+            require(worker.write(slabFile, cache.name + " 1 1 0"), cache.name);
+        else
+            files.push_back(require(
+                worker.open("/sys/kernel/slab/" + cache.name + "/shrink", O_WRONLY), cache.name));
     }
+    for (int file : files)
+        require(worker.writeInto(file, "1"), "of file " + std::to_string(file));
+    std::string contents = worker.readRest(list);
+    files.push_back(list);
+    for (int file : files)
+        worker.close(file);
+    return parseSlabCaches(contents);
 }
 
 // The kernel forgets the ranges of vmalloc that were given back only when they add up to some
@@ -136,7 +159,7 @@ KernelUse useNow(Worker &worker)
     // most caches have such slabs: there are as many as entries and inodes in the kernel's caches.
     const std::string descriptors = "objects of size-32";
     KernelUse use;
-    for (const SlabCache &cache : readSlabCaches(worker)) {
+    for (const SlabCache &cache : shrunkSlabCaches(worker)) {
         use["objects of " + cache.name] += cache.objects;
         if (cache.tunable && cache.objectsPerSlab == 1)
             use[descriptors] -= cache.slabs;
@@ -226,7 +249,6 @@ KernelUse lastingUse(Worker &worker)
         if (worker.write("/proc/sys/vm/drop_caches", "3") != 0)
             throw std::runtime_error("the guest does not drop its caches");
         forgetVmallocRanges(worker);
-        returnFreeObjects(worker);
         for (const auto &[name, count] : useNow(worker)) {
             auto known = least.emplace(name, count).first;
             known->second = std::min(known->second, count);

@@ -45,12 +45,18 @@ std::string Worker::read(const std::string &path)
     int file = open(path, O_RDONLY);
     if (file < 0)
         return "";
+    std::string contents = readRest(file);
+    close(file);
+    return contents;
+}
+
+std::string Worker::readRest(int file)
+{
     const auto *bytes = reinterpret_cast<const char *>(pointer(data()));
     std::string contents;
     int count = 0;
     while ((count = process_.systemCall(SYS_read, file, data(), readBytes)) > 0)
         contents.append(bytes, bytes + count);
-    close(file);
     return contents;
 }
 
@@ -77,8 +83,14 @@ int Worker::write(const std::string &path, const std::string &value)
     int file = open(path, O_WRONLY);
     if (file < 0)
         return file;
-    int count = process_.systemCall(SYS_write, file, text(0, value), value.size());
+    int result = writeInto(file, value);
     close(file);
+    return result;
+}
+
+int Worker::writeInto(int file, const std::string &value)
+{
+    int count = process_.systemCall(SYS_write, file, text(0, value), value.size());
     return count < 0 ? count : 0;
 }
 

@@ -21,9 +21,12 @@ public:
     int close(int file) { return process_.systemCall(SYS_close, file); }
     // What a file holds; empty if there is none.
     std::string read(const std::string &path);
+    // What is left to be read of an open one.
+    std::string readRest(int file);
     // The names in a folder; none if there is no such folder.
     std::vector<std::string> list(const std::string &path);
     int write(const std::string &path, const std::string &text);
+    int writeInto(int file, const std::string &value);
     int makeFolder(const std::string &path);
     int makeNode(const std::string &path, unsigned kind, unsigned major, unsigned minor);
     int mount(const std::string &device, const std::string &folder, const std::string &type,
