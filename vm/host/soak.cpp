@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdio>
 #include <iterator>
+#include <mutex>
 #include <sstream>
 
 #include "kernelUse.h"
@@ -155,26 +156,6 @@ constexpr void (*endings[])(const Backup &) = {
     readAll, closeWithWritesHeld, writeLongBios, killAgent, shutDown, leaveAlone};
 constexpr unsigned kinds = std::size(endings);
 
-// Tasks sleep inside the module's hook, since the queue below it is full, when the module goes: its
-// unload ends after they have left, and not before.
-void unloadWithSleepersInside(Environment &env, Storm &storm)
-{
-    constexpr unsigned aWhile = 500000; // microseconds; enough for an unload that nothing delays
-    std::atomic<bool> unloaded{false};
-    std::unique_ptr<scenario::Environment::Background> unloading;
-    {
-        HeldDisk held(env.disk(), Disk::Hold::all);
-        storm.awaitStandstill(aWhile);
-        unloading = env.start([&] {
-            expectEqual(env.unload(), 0, "the result of unloading with a held disk");
-            unloaded = true;
-        });
-        env.pause(aWhile);
-        expect(!unloaded, "an unload that waits for the tasks inside the hook");
-    }
-    unloading->join();
-}
-
 // Gives the queue one scheduler after the other for as long as this lives. A scheduler brings its
 // own number of requests along.
 class Switcher
@@ -186,6 +167,9 @@ public:
     }
     ~Switcher() { stop_ = true; }
     Switcher(const Switcher &) = delete;
+
+    // The queue keeps the scheduler that it has, and its few requests, as long as the lock lives.
+    std::unique_lock<std::mutex> pause() { return std::unique_lock(switching_); }
 
     // Waits for its end, and throws what went wrong.
     void end()
@@ -209,20 +193,45 @@ private:
     {
         constexpr unsigned between = 100000; // microseconds
         while (!stop_) {
-            env_.setQueue("scheduler", schedulers_[switches_++ % schedulers_.size()]);
-            env_.setQueue("nr_requests", fewestRequests);
+            {
+                std::lock_guard lock(switching_);
+                env_.setQueue("scheduler", schedulers_[switches_++ % schedulers_.size()]);
+                env_.setQueue("nr_requests", fewestRequests);
+            }
             env_.pause(between);
         }
     }
 
     Environment &env_;
     const std::vector<std::string> schedulers_;
+    std::mutex switching_;
     std::atomic<bool> stop_{false};
     unsigned switches_ = 0;
     std::unique_ptr<scenario::Environment::Background> task_; // last: it uses the others
 };
 
-void cycle(Environment &env, Storm &storm, unsigned number)
+// Tasks sleep inside the module's hook, since the queue below it is full, when the module goes: its
+// unload ends after they have left, and not before.
+void unloadWithSleepersInside(Environment &env, Storm &storm, Switcher &switcher)
+{
+    constexpr unsigned aWhile = 500000; // microseconds; enough for an unload that nothing delays
+    std::atomic<bool> unloaded{false};
+    std::unique_ptr<scenario::Environment::Background> unloading;
+    {
+        auto paused = switcher.pause();
+        HeldDisk held(env.disk(), Disk::Hold::all);
+        storm.awaitStandstill(aWhile);
+        unloading = env.start([&] {
+            expectEqual(env.unload(), 0, "the result of unloading with a held disk");
+            unloaded = true;
+        });
+        env.pause(aWhile);
+        expect(!unloaded, "an unload that waits for the tasks inside the hook");
+    }
+    unloading->join();
+}
+
+void cycle(Environment &env, Storm &storm, Switcher &switcher, unsigned number)
 {
     expectEqual(env.load(), 0, "the result of loading");
     AMSessionKey keys[tracked];
@@ -234,7 +243,7 @@ void cycle(Environment &env, Storm &storm, unsigned number)
     ending({env, storm, device, keys[device]});
     storm.awaitWrites(fewWrites);
     if (number % 2 == 0)
-        unloadWithSleepersInside(env, storm);
+        unloadWithSleepersInside(env, storm, switcher);
     else
         expectEqual(env.unload(), 0, "the result of unloading under load");
 }
@@ -245,7 +254,7 @@ void runCycles(Environment &env, const std::set<std::string> &caches, unsigned c
     Storm storm(env, writers, devices);
     Switcher switcher(env);
     for (unsigned i = 0; i < cycles; i++) {
-        cycle(env, storm, i);
+        cycle(env, storm, switcher, i);
         std::string left = leftOfModule(worker, caches);
         expect(left.empty(), "nothing to be left of the module after cycle " + std::to_string(i) +
                                  "; it is " + left);
