@@ -9,11 +9,14 @@
 enum { CONTRACT_MAJOR = 121, CONTRACT_FREE_MAJOR = 122 };
 
 /* Both calls take the check's number in `number`, from 0 on, and return a negated errno if they
- * fail: -ENOENT past the last check. */
+ * fail: -ENOENT past the last check. Numbers that no kernel keeps to itself, and results that it
+ * gives to none of its own: what does not come from the module is not taken for a check's. */
 enum {
-    CONTRACT_DESCRIBE = 1, /* stores the name; returns 0 */
-    CONTRACT_RUN = 2,      /* returns 0, or stores what does not hold and returns 1 */
+    CONTRACT_DESCRIBE = 0x7a01, /* stores the name; returns CONTRACT_DESCRIBED */
+    CONTRACT_RUN = 0x7a02,      /* returns CONTRACT_HOLDS, or stores what does not hold and returns
+                                   CONTRACT_FAILS */
 };
+enum { CONTRACT_DESCRIBED = 0x7a10, CONTRACT_HOLDS = 0x7a11, CONTRACT_FAILS = 0x7a12 };
 
 /* The numbers of devices as the kernel has them, the rest as in struct ContractEnvironment. */
 struct ContractCall {

@@ -64,7 +64,7 @@ public:
         int result = call(CONTRACT_DESCRIBE, number);
         if (result == -ENOENT)
             return {};
-        require(result == 0, "naming a check");
+        require(result == CONTRACT_DESCRIBED, "naming a check");
         return call_.text;
     }
 
@@ -72,8 +72,8 @@ public:
     std::string run(unsigned number)
     {
         int result = call(CONTRACT_RUN, number);
-        require(result >= 0, "running a check");
-        return result == 0 ? "" : std::string("does not hold: ") + call_.text;
+        require(result == CONTRACT_HOLDS || result == CONTRACT_FAILS, "running a check");
+        return result == CONTRACT_HOLDS ? "" : std::string("does not hold: ") + call_.text;
     }
 
 private:

@@ -145,7 +145,9 @@ static long control(struct file *file, unsigned int command, unsigned long argum
     strlcpy(call.text, text != NULL ? text : "", sizeof(call.text));
     if (copy_to_user(from->text, call.text, sizeof(call.text)) != 0)
         return -EFAULT;
-    return command == CONTRACT_RUN && text != NULL;
+    if (command == CONTRACT_DESCRIBE)
+        return CONTRACT_DESCRIBED;
+    return text == NULL ? CONTRACT_HOLDS : CONTRACT_FAILS;
 }
 
 static const struct file_operations operations = {
