@@ -96,8 +96,7 @@ Machine::Machine(const MachineOptions &options)
         guest.drives.push_back(disk.drive());
     guest.kernelOptions = "ramdisk_size=" + std::to_string(storeBytes / 1024) +
                           " maxcpus=" + std::to_string(options.processors);
-    guest_ = std::make_unique<Guest>(guest);
-    guest_->waitUntilReady();
+    guest_ = bootGuest(guest);
     worker_ = std::make_unique<Worker>(*guest_);
 
     require(worker_->makeNode("/dev/zelmod", S_IFCHR, controlMajor, 0), "mknod");

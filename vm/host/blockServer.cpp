@@ -144,15 +144,18 @@ BlockServer::BlockServer(Disk &disk, const std::string &path)
 
 BlockServer::~BlockServer()
 {
-    ::shutdown(listener_.get(), SHUT_RDWR); // in case that nobody ever came
+    ::shutdown(listener_.get(), SHUT_RDWR); // nobody else will come
     thread_.join();
 }
 
 void BlockServer::serve()
 {
-    Descriptor peer(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (peer.get() >= 0)
+    for (;;) {
+        Descriptor peer(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (peer.get() < 0)
+            return;
         Connection(peer.get(), disk_).run();
+    }
 }
 
 } // namespace vm

@@ -10,7 +10,7 @@
 namespace vm
 {
 
-// Serves one peer from a thread of its own for as long as this lives.
+// Serves one peer after the other from a thread of its own for as long as this lives.
 class BlockServer
 {
 public:

@@ -98,8 +98,7 @@ Environment::Environment(const Setting &setting, const scenario::Layout &layout)
             device->onDiskWrite(offset, bytes, disk);
     });
     server_ = std::make_unique<BlockServer>(*disk_, diskSocket);
-    guest_ = std::make_unique<Guest>(optionsOf(setting));
-    guest_->waitUntilReady();
+    guest_ = bootGuest(optionsOf(setting));
 
     Worker worker(*guest_);
     require(worker.write("/proc/sys/kernel/panic_on_oops", "1"), "panic_on_oops");

@@ -1,10 +1,13 @@
 #include "guest.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 #include <sys/mman.h>
 #include <sys/syscall.h>
+
+#include "kernelLog.h"
 
 namespace vm
 {
@@ -14,6 +17,10 @@ namespace
 constexpr const char *bellSocket = "bell.socket";
 // A kernel may count instructions for a second at its end, which an emulator can take long for.
 constexpr unsigned endMilliseconds = 120000;
+// An emulated kernel now and then stands still for good in its own start, where nothing of ours
+// runs yet: that says nothing of the module, and another boot is had for the asking.
+constexpr std::chrono::seconds bootTime{90};
+constexpr unsigned boots = 3;
 
 // Each slab cache by itself, so that the kernel tells what is in it. A steady tick: where the
 // emulator gets too little of its processor, a kernel with high resolution takes the timer for slow
@@ -179,10 +186,13 @@ template<class Done> void Guest::wait(std::unique_lock<std::mutex> &lock, const 
         throw GuestLost(lost_);
 }
 
-void Guest::waitUntilReady()
+bool Guest::waitUntilReady(std::chrono::seconds limit)
 {
     std::unique_lock lock(mutex_);
-    wait(lock, [this] { return ready_; });
+    changed_.wait_for(lock, limit, [this] { return ready_ || !lost_.empty(); });
+    if (!ready_ && !lost_.empty())
+        throw GuestLost(lost_);
+    return ready_;
 }
 
 void Guest::post(std::uint32_t number, Request what, const std::array<std::uint32_t, 7> &arguments)
@@ -292,6 +302,19 @@ bool Guest::powerOff()
 {
     order(Order::restart);
     return emulator_->waitEnd(endMilliseconds);
+}
+
+std::unique_ptr<Guest> bootGuest(const GuestOptions &options)
+{
+    for (unsigned boot = 1; boot <= boots; boot++) {
+        auto guest = std::make_unique<Guest>(options);
+        if (guest->waitUntilReady(bootTime))
+            return guest;
+        std::printf("note: boot %u of %u stood still before the first process%s\n", boot, boots,
+                    endOfLogs(options.console, options.emulatorLog).c_str());
+        std::fflush(stdout);
+    }
+    throw GuestLost("the guest does not boot");
 }
 
 GuestProcess::GuestProcess(Guest &guest, GuestProcess *parent)

@@ -45,7 +45,7 @@ struct GuestOptions {
 class Guest
 {
 public:
-    // Starts it; nothing may be asked before it is ready.
+    // Starts it; nothing may be asked before it is ready (bootGuest).
     explicit Guest(const GuestOptions &options);
     // Ends it, gently or not.
     ~Guest();
@@ -53,7 +53,8 @@ public:
 
     static Guest &current();
     // Everything here that waits throws GuestLost if the guest ends or the time is up.
-    void waitUntilReady();
+    // This one also knows a limit of its own: false if that is over first.
+    bool waitUntilReady(std::chrono::seconds limit);
 
     // Makes a request of a slot's process and waits for its result.
     std::int32_t request(std::uint32_t slot, Request what,
@@ -110,6 +111,10 @@ private:
     std::array<State, slots> states_;
     std::thread listening_;
 };
+
+// A guest that is ready. Throws GuestLost if it ends, or stands still at each of a few boots; each
+// that does is told on standard output.
+std::unique_ptr<Guest> bootGuest(const GuestOptions &options);
 
 // A process of the guest, as a program sees its own: memory and system calls. One thread at a time.
 class GuestProcess
