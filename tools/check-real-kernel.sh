@@ -17,7 +17,8 @@ scenarios=(EnvironmentMissesLostWrites FullAndIncrementalChain UnloadWithSession
     Contract)
 # By disk; one is as good as the other for what a disk's driver does not see.
 ideScenarios=(Contract FullAndIncrementalChain WriteStormWithCloseInTheMiddle)
-virtioScenarios=(Contract BlockSizesOnPartitionsAtAnySector CacheOverflow ZelsendChain SoakOf2Cycles)
+virtioScenarios=(Contract BlockSizesOnPartitionsAtAnySector CacheOverflow ZelsendChain
+    SoakOf2CyclesIn96MiB)
 
 skip()
 {
@@ -57,9 +58,8 @@ case "${1:-}" in
 debian)
     buildModule debian
     export VM_FOLDER=$work/vm
-    tools/vm.sh "" "$work/debian/zelmod.ko" --timeout 900 --disk ide "${ideScenarios[@]}"
-    tools/vm.sh "" "$work/debian/zelmod.ko" --timeout 900 --disk virtio --cycles 2 \
-        "${virtioScenarios[@]}"
+    tools/vm.sh "" "$work/debian/zelmod.ko" --disk ide "${ideScenarios[@]}"
+    tools/vm.sh "" "$work/debian/zelmod.ko" --disk virtio --cycles 2 "${virtioScenarios[@]}"
     ;;
 module)
     needTree

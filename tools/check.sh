@@ -96,8 +96,8 @@ for build in "${ready[@]}"; do
     status=$?
     addReport "$report"
     if [ $status != 0 ]; then
-        # What the failed tests printed, without the lines of those that passed.
-        grep -v -E '^ *[0-9]+/[0-9]+ Test +#[0-9]+: .* Passed |^ +Start +[0-9]+: ' \
+        # What the failed tests printed, without the lines of what passed or was only built.
+        grep -v -E '^ *[0-9]+/[0-9]+ Test +#[0-9]+: .* Passed |^ +Start +[0-9]+: |^passed +[A-Z]|^  [A-Z]+ ' \
             "build/$build/ctest.log" >&2
         [ "$failed" != "$before" ] || countFailure "ctest failed in build/$build"
     else
