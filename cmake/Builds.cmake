@@ -6,6 +6,7 @@ set(buildFlags "-g -fno-pie -fno-omit-frame-pointer")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-no-pie")
 set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
 set(sanitizers "")
+set(speed -O2)
 
 if(ZEL_BUILD STREQUAL i386)
   set(buildFlags "${buildFlags} -m32 -D_FILE_OFFSET_BITS=64")
@@ -37,5 +38,10 @@ set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
+# A sanitizer's checks are far more code than what they check: optimising all that takes longer than it
+# saves.
+if(sanitizers)
+  set(speed -O1)
+endif()
 add_compile_options(${sanitizers})
 add_link_options(${sanitizers})

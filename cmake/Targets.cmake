@@ -14,15 +14,15 @@ function(zelGlob result)
   set(${result} ${files} PARENT_SCOPE)
 endfunction()
 
-# Code that is built for speed, in all builds.
+# Code that is optimised, in all builds.
 function(zelLibrary name)
   add_library(${name} STATIC ${ARGN})
-  target_compile_options(${name} PRIVATE -O2 ${warningFlags})
+  target_compile_options(${name} PRIVATE ${speed} ${warningFlags})
 endfunction()
 
 function(zelProgram name)
   add_executable(${name} ${ARGN})
-  target_compile_options(${name} PRIVATE -O2 ${warningFlags})
+  target_compile_options(${name} PRIVATE ${speed} ${warningFlags})
 endfunction()
 
 if(ZEL_BUILD STREQUAL package)
