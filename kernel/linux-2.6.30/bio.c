@@ -126,3 +126,8 @@ void zk_bio_set_eopnotsupp(struct bio *bio)
 {
     set_bit(BIO_EOPNOTSUPP, &bio->bi_flags);
 }
+
+void zk_set_buffer_eopnotsupp(struct buffer_head *bh)
+{
+    set_buffer_eopnotsupp(bh);
+}

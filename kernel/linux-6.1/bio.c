@@ -177,5 +177,8 @@ int zk_bio_uptodate(struct bio *bio)
     return bio->bi_status == BLK_STS_OK;
 }
 
-/* The bio's status says it where it is so; a flag beside it this kernel does not have. */
+/* The bio's status says it where it is so; a flag beside it this kernel does not have, nor for the
+ * buffer that was to be read, where it only told why it is not up to date. */
 void zk_bio_set_eopnotsupp(struct bio *bio) {}
+
+void zk_set_buffer_eopnotsupp(struct buffer_head *bh) {}

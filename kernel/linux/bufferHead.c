@@ -113,9 +113,6 @@ void zk_set_buffer_uptodate(struct buffer_head *bh)
     set_buffer_uptodate(bh);
 }
 
-/* A flag that this kernel does not have, and that only tells why a buffer is not up to date. */
-void zk_set_buffer_eopnotsupp(struct buffer_head *bh) {}
-
 void zk_unlock_buffer(struct buffer_head *bh)
 {
     unlock_buffer(bh);

@@ -20,9 +20,7 @@ void zk_sema_init_named(struct semaphore *sem, int count, const char *name,
 {
     BUILD_BUG_ON(sizeof(struct lock_class_key) > lockClassKeyBytes);
     sema_init(sem, count);
-#ifdef CONFIG_DEBUG_LOCK_ALLOC
-    lockdep_init_map(&sem->lock.dep_map, name, key, 0);
-#endif
+    lockdep_set_class_and_name(&sem->lock, key, name);
 }
 
 void zk_down(struct semaphore *sem)
@@ -92,11 +90,8 @@ void zk_rcu_read_unlock(void)
 
 void zk_spin_lock_init_named(spinlock_t *lock, const char *name, struct lock_class_key *key)
 {
-#ifdef CONFIG_DEBUG_SPINLOCK
-    __raw_spin_lock_init(spinlock_check(lock), name, key, LD_WAIT_CONFIG);
-#else
     spin_lock_init(lock);
-#endif
+    lockdep_set_class_and_name(lock, key, name);
 }
 
 unsigned long zk_spin_lock_irqsave(spinlock_t *lock)

@@ -58,12 +58,6 @@ void zk_vfree(const void *range)
     vfree(range);
 }
 
-struct kmem_cache *zk_kmem_cache_create(const char *name, size_t size, size_t align,
-                                        unsigned long flags, void (*constructor)(void *))
-{
-    return kmem_cache_create(name, size, align, flags, constructor);
-}
-
 void zk_kmem_cache_destroy(struct kmem_cache *cache)
 {
     kmem_cache_destroy(cache);
