@@ -19,7 +19,7 @@ constexpr const char *bellSocket = "bell.socket";
 constexpr unsigned endMilliseconds = 120000;
 // An emulated kernel now and then stands still for good in its own start, where nothing of ours
 // runs yet: that says nothing of the module, and another boot is had for the asking.
-constexpr std::chrono::seconds bootTime{90};
+constexpr std::chrono::seconds bootTime{180};
 constexpr unsigned boots = 3;
 
 // Each slab cache by itself, so that the kernel tells what is in it. A steady tick: where the
