@@ -1,20 +1,20 @@
 #!/bin/bash
-# Fetches Debian 12's current kernel for 32-bit x86 (686-pae) with what modules for it are built
-# with, as packages that are unpacked and never installed:
+# Fetches Debian 12's current kernel for an architecture, i386 (32-bit x86, 686-pae) if none is named
+# or amd64 (x86-64), with what modules for it are built with, as packages that are unpacked and never
+# installed:
 #
 #   build/cache/linux-6.1/root/     the packages' files: image, modules, headers, build tools
 #   build/cache/linux-6.1/vmlinux   the kernel out of its image: an emulator starts it sooner
 #   build/cache/linux-6.1/release   the kernel's release, such as 6.1.0-9-686-pae
 #
-# Looks whether there is a newer one if the last look is a day old, and does with what is there if
-# nothing can be learnt or had. `rm -r build/cache/linux-6.1` makes it forget.
+# and likewise in build/cache/linux-6.1-amd64. Looks whether there is a newer one if the last look is a
+# day old, and does with what is there if nothing can be learnt or had. `rm -r` of the folder makes it
+# forget.
+#
+#   tools/fetch-kernel.sh [i386|amd64]
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 . tools/packages.sh
-
-series=6.1
-cache=$PWD/build/cache/linux-$series
-day=1440 # minutes
 
 fail()
 {
@@ -22,9 +22,26 @@ fail()
     exit 1
 }
 
+series=6.1
+architecture=${1:-i386}
+cache=$PWD/build/cache/linux-$series
+case $architecture in
+i386)
+    flavour=686-pae
+    ;;
+amd64)
+    flavour=amd64
+    cache+=-amd64
+    ;;
+*)
+    fail "$architecture is not an architecture that is known: i386 or amd64"
+    ;;
+esac
+day=1440 # minutes
+
 dependencies()
 {
-    apt-cache depends "$1:i386" | sed -n 's/^ *Depends: \([^<:]*\).*/\1/p'
+    apt-cache depends "$1:$architecture" | sed -n 's/^ *Depends: \([^<:]*\).*/\1/p'
 }
 
 # The release is told by what Debian's package of the current kernel depends on; a kernel's headers
@@ -32,9 +49,9 @@ dependencies()
 namePackages()
 {
     local parts
-    release=$(dependencies linux-image-686-pae | sed -n 's/^linux-image-\([0-9].*\)$/\1/p')
+    release=$(dependencies linux-image-$flavour | sed -n 's/^linux-image-\([0-9].*\)$/\1/p')
     if [ -z "$release" ]; then
-        echo "no package source tells what the current kernel is (linux-image-686-pae:i386)" >&2
+        echo "no package source tells what the current kernel is (linux-image-$flavour:$architecture)" >&2
         return 1
     elif [[ $release != "$series".* ]]; then
         echo "the package sources' current kernel is $release, not $series as Debian 12's" >&2
@@ -44,10 +61,10 @@ namePackages()
     parts=$(dependencies "linux-headers-$release" |
         grep -E '^(linux-headers-.*-common|linux-kbuild-.*)$')
     [ "$(wc -l <<<"$parts")" = 2 ] || {
-        echo "no package source tells what goes with kernel $release (linux-headers-$release:i386)" >&2
+        echo "no package source tells what goes with kernel $release (linux-headers-$release:$architecture)" >&2
         return 1
     }
-    printf '%s:i386\n' "linux-image-$release" "linux-headers-$release" $parts
+    printf "%s:$architecture\n" "linux-image-$release" "linux-headers-$release" $parts
 }
 
 # Whether a folder has what the packages are fetched for.
@@ -93,8 +110,8 @@ rm -rf "$work"
 trap 'rm -rf "$work"' EXIT
 mkdir "$work"
 attempts=3
-[ -n "$had" ] && attempts=1 || echo "fetch-kernel: fetching Debian's current kernel (686-pae), 70 MB"
-if fetchPackages "$work" "$attempts" namePackages; then
+[ -n "$had" ] && attempts=1 || echo "fetch-kernel: fetching Debian's current kernel ($flavour), 70 MB"
+if fetchPackages "$work" "$attempts" "$architecture" namePackages; then
     if [ "$release" != "$had" ]; then
         isComplete "$work/root" >"$work/log" || fail "$(cat "$work/log"); they are not as expected"
         unpackKernel "$work/root/boot/vmlinuz-$release" "$work/vmlinux" ||
@@ -110,6 +127,6 @@ elif [ -n "$had" ]; then
     echo "fetch-kernel: cannot tell whether there is a newer kernel; going on with $had" >&2
 else
     cat "$work/log" >&2
-    fail "could not fetch Debian's current kernel for 32-bit x86 (messages above); check the network" \
+    fail "could not fetch Debian's current kernel ($flavour; messages above); check the network" \
         "and the package sources (Debian 12's), then repeat."
 fi

@@ -1,17 +1,18 @@
-# i386 packages, unpacked and not installed. This needs no root: apt works on package lists of its own
-# here, and those of the machine stay as they are. To be sourced.
+# Packages of any architecture, unpacked and not installed. This needs no root: apt works on package
+# lists of its own here, and those of the machine stay as they are. To be sourced.
 
-# fetchPackages <folder> <attempts> <function>: downloads the packages whose names the function prints,
-# one a line or none, and unpacks them into the folder's `root`. The function may ask apt-cache, and
-# fails where that does not tell. Fails if the last attempt does; the folder's `log` then says why.
+# fetchPackages <folder> <attempts> <architecture> <function>: downloads the packages whose names the
+# function prints, one a line or none, and unpacks them into the folder's `root`. The function may ask
+# apt-cache, and fails where that does not tell. Fails if the last attempt does; the folder's `log` then
+# says why.
 fetchPackages()
 {
-    local folder=$1 attempts=$2 names=$3 attempt
+    local folder=$1 attempts=$2 architecture=$3 names=$4 attempt
     mkdir -p "$folder"/lists/state/lists/partial "$folder"/lists/cache/archives/partial
     : >"$folder"/lists/status
     cat >"$folder"/lists/apt.conf <<END
-APT::Architecture "i386";
-APT::Architectures { "i386"; };
+APT::Architecture "$architecture";
+APT::Architectures { "$architecture"; };
 APT::Sandbox::User "";
 Dir::State "$folder/lists/state";
 Dir::State::status "$folder/lists/status";

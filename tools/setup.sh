@@ -82,7 +82,7 @@ unpackMusl()
     mkdir -p build/cache
     work=$(mktemp -d "$PWD/build/cache/musl.XXXXXX")
     trap 'rm -rf "$work"' EXIT
-    fetchPackages "$work" 3 nameMusl || {
+    fetchPackages "$work" 3 i386 nameMusl || {
         cat "$work"/log >&2
         fail "could not fetch the package musl-dev:i386 (messages above); check the network and the" \
             "package sources, then repeat."

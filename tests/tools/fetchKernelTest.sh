@@ -9,6 +9,7 @@ trap 'rm -rf "$tree"' EXIT
 mkdir "$tree/tools" "$tree/bin" "$tree/mirror"
 cp tools/fetch-kernel.sh tools/packages.sh "$tree/tools/"
 cache=$tree/build/cache/linux-6.1
+architecture=()
 export mirror=$tree/mirror PATH=$tree/bin:$PATH
 failures=0
 
@@ -38,10 +39,12 @@ cat >"$tree/bin/apt-cache" <<'STUB'
 release=$(cat "$mirror/release")
 [ -n "$release" ] || { echo "E: No packages found" >&2; exit 100; }
 case $2 in
-linux-image-686-pae:i386) printf '%s\n' "linux-image-686-pae" "  Depends: linux-image-$release" ;;
+linux-image-686-pae:i386 | linux-image-amd64:amd64)
+    printf '%s\n' "${2%:*}" "  Depends: linux-image-$release" ;;
 linux-headers-*)
     [ ! -f "$mirror/noHeaders" ] || { echo "E: No packages found" >&2; exit 100; }
-    printf '%s\n' "linux-headers-$release" "  Depends: linux-headers-${release%-686-pae}-common" \
+    version=${release%-686-pae}
+    printf '%s\n' "linux-headers-$release" "  Depends: linux-headers-${version%-amd64}-common" \
         "  Depends: linux-kbuild-6.1" "  Depends: linux-compiler-gcc-12-x86" ;;
 esac
 STUB
@@ -103,7 +106,7 @@ expect()
     local expected=$1 release=$2 calls=$3 status=success output text
     shift 3
     : >"$mirror/calls"
-    output=$("$tree/tools/fetch-kernel.sh" 2>&1) || status=failure
+    output=$("$tree/tools/fetch-kernel.sh" "${architecture[@]}" 2>&1) || status=failure
     [ "$status" = "$expected" ] || problem "$status instead of $expected, said: $output"
     for text in "$@"; do
         grep -qF -- "$text" <<<"$output" || problem "expected \"$text\" but got: $output"
@@ -115,7 +118,7 @@ expect()
         [ "$(cat "$cache/vmlinux")" = "the kernel" ] || problem "the kernel is not unpacked"
         [ "$(ls "$cache")" = release$'\n'root$'\n'vmlinux ] || problem "in the cache: $(ls "$cache")"
     fi
-    [ "$(ls -d "$cache"* | grep -v -e "^$cache$" -e "lock$" || true)" = "" ] || problem "left $(ls "$cache"*)"
+    [ "$(ls -d "$cache"* 2>/dev/null | grep -v -e "^$cache$" -e "lock$" || true)" = "" ] || problem "left $(ls "$cache"*)"
     [ "$(awk '{ printf "%s ", $2 }' "$mirror/calls")" = "${calls:+$calls }" ] ||
         problem "called apt-get: $(cat "$mirror/calls")"
 }
@@ -212,6 +215,21 @@ case="a newer kernel that is not complete"
 echo linux-headers-6.1.0-10-686-pae >"$mirror/partial"
 expect failure 6.1.0-9-686-pae "update download" "the packages of kernel 6.1.0-10-686-pae have no\
  /usr/src/linux-headers-6.1.0-10-686-pae/Module.symvers; they are not as expected"
+
+case="another architecture"
+newMirror
+architecture=(amd64)
+cache=$tree/build/cache/linux-6.1-amd64
+echo 6.1.0-9-amd64 >"$mirror/release"
+expect success 6.1.0-9-amd64 "update download" "fetch-kernel: 6.1.0-9-amd64"
+[ "$(tail -1 "$mirror/calls")" = "-q download linux-image-6.1.0-9-amd64:amd64\
+ linux-headers-6.1.0-9-amd64:amd64 linux-headers-6.1.0-9-common:amd64 linux-kbuild-6.1:amd64" ] ||
+    problem "fetched: $(tail -1 "$mirror/calls")"
+[ ! -e "$tree/build/cache/linux-6.1" ] || problem "touched the other architecture's cache"
+case="an unknown architecture"
+newMirror
+architecture=(arm64)
+expect failure "" "" "arm64 is not an architecture that is known: i386 or amd64"
 
 [ "$failures" = 0 ] || exit 1
 echo "fetch-kernel: its own tests passed"
