@@ -13,6 +13,7 @@ cd "$(dirname "$(readlink -f "$0")")/.."
 
 mapfile -t flags < <(sed 's/#.*//' kernel/linux-2.6.30/cxx.flags | xargs -n 1)
 flags+=(-Ikernel/include -Ikernel/host/include -Izelmod/2.6)
+format=elf_i386
 # What the kernel itself supplies, with the module's calling convention.
 suppliedSymbols='zk_.*|memcpy|memset|memmove|memcmp|strlen'
 
@@ -29,7 +30,7 @@ compileAndMerge()
         printf '%s\0%s\0' "$source" "$work/$number-$(basename "$source" .cpp).o"
     done | flags="${flags[*]}" xargs -0 -n 2 -P "${JOBS:-2}" \
         bash -c 'exec g++ $flags -c "$1" -o "$2"' compile || return 1
-    ld -m elf_i386 -r --force-group-allocation -T kernel/cxx.lds -o "$work/module.o" "$work"/*-*.o
+    ld -m "$format" -r --force-group-allocation -T kernel/cxx.lds -o "$work/module.o" "$work"/*-*.o
 }
 
 # The names and types of an object's sections, one a line.
@@ -55,14 +56,20 @@ findModuleFaults()
 
     nm -u "$object" | awk '{ print $NF, $1 }' | while read -r symbol kind; do
         case "$symbol" in
-        __*di3 | __*di4 | __*si3 | __*df* | __*sf* | __*xf*)
+        __*di3 | __*di4 | __*si3 | __*ti3 | __*df* | __*sf* | __*xf*)
             echo "libgcc function: $symbol (64-bit division or floating point)" ;;
         esac
         case "$kind" in w | v) echo "weak undefined symbol: $symbol" ;; esac
     done
 
-    readelf -rW "$object" | awk '$3 ~ /^R_386_/ && $3 != "R_386_32" && $3 != "R_386_PC32" {
-        print "relocation " $3 " against " $5 }' | sort -u
+    # Beside what any code has, an x86-64 kernel takes addresses of 64 bits, and of 32 if the processor
+    # extends their sign, since all its code lies in the uppermost 2 GiB; nobody relocates what only a
+    # debugger reads.
+    readelf -rW "$object" | awk '
+        /^Relocation section/ { isForDebugger = $3 ~ /\.debug_/ }
+        isForDebugger || $3 !~ /^R_(386|X86_64)_/ { next }
+        $3 !~ /^R_386_(32|PC32)$/ && $3 !~ /^R_X86_64_(64|32S|PC32|PC64|PLT32)$/ {
+            print "relocation " $3 " against " $5 }' | sort -u
 }
 
 # Prints one line for each fault of a merged object, of which the kernel's build makes a module.
@@ -196,6 +203,25 @@ END
         'extern "C" int zk_call(); int f() { static int value = zk_call(); return value; }'
     flags=("${saved[@]}" -fcommon -x c -std=gnu11 -Wno-error)
     expectFault 'common symbol: value' 'int value; int f(void) { return ++value; }'
+
+    format=elf_x86_64
+    flags=(-std=c++20 -O2 -mcmodel=kernel -fno-pic -fno-pie -fcf-protection=none -fno-stack-protector
+        -fno-exceptions -fno-asynchronous-unwind-tables)
+    work=$(mktemp -d)
+    echo 'extern "C" int zk_call(int *); int value; int *address = &value;
+        int f() { return zk_call(&value) + *address; }' >"$work/sound.cpp"
+    checkSources "$work/objects" "$work/sound.cpp" || {
+        echo "self-test: sound sources for 64 bits were refused" >&2
+        failures=$((failures + 1))
+    }
+    rm -rf "$work"
+    flags+=(-mcmodel=small)
+    expectFault 'relocation R_X86_64_32 against zk_value' \
+        'extern "C" int zk_value; int *f() { return &zk_value; }'
+    flags+=(-fpic)
+    expectFault 'relocation R_X86_64_REX_GOTPCRELX against zk_value' \
+        'extern "C" int zk_value; int f() { return zk_value; }'
+    format=elf_i386
     flags=("${saved[@]}")
 
     [ "$failures" = 0 ] || return 1

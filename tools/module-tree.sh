@@ -1,5 +1,5 @@
-# What tools/module.sh asks of a kernel's tree. For scripts that have set `tree` and `out`, and have
-# a function `fail`.
+# What tools/module.sh asks of a kernel's tree. For scripts that have set `tree`, and `out` once the tree
+# is recognised, and have a function `fail`.
 
 # The kernels that there is a provider for, kernel/linux-<name>.
 knownKernels="2.6.30 and 6.1"
@@ -48,26 +48,32 @@ kernelRelease()
     sed -n 's/^#define UTS_RELEASE "\(.*\)"$/\1/p' "$tree/$generated/utsrelease.h"
 }
 
+isConfiguredWith()
+{
+    grep -q "^#define $1 1$" "$tree/$generated/autoconf.h" 2>/dev/null
+}
+
 requireOption()
 {
-    grep -q "^#define $1 1$" "$tree/$generated/autoconf.h" ||
+    isConfiguredWith "$1" ||
         fail "$tree is configured without $1 ($2); configure and build the kernel" \
             "with it, or give the tree of one that has it"
 }
 
 refuseOption()
 {
-    ! grep -q "^#define $1 1$" "$tree/$generated/autoconf.h" ||
+    ! isConfiguredWith "$1" ||
         fail "$tree is configured with $1 ($2); configure and build the kernel without it, or give" \
             "the tree of one that does without"
 }
 
-# Sets `makefile`, `generated` (the folder of generated headers) and `provider`.
+# Sets `makefile`, `generated` (the folder of generated headers), `provider`, `architecture` (i386 or
+# amd64) and `kernelArchitecture`, the kernel's own name for it.
 recogniseTree()
 {
     local version
     [ -n "$tree" ] || fail "builds zelmod.ko for a real kernel and needs the path of that kernel's" \
-        "configured and built tree ($knownKernels, 32-bit x86): make module KDIR=<tree>"
+        "configured and built tree ($knownKernels; x86, 2.6.30 of 32 bits only): make module KDIR=<tree>"
     [ -e "$tree" ] || fail "there is no $tree; give the path of a kernel tree: make module KDIR=<tree>"
     tree=$(readlink -f "$tree")
     [ -d "$tree" ] || fail "$tree is not a directory; give the path of a kernel tree"
@@ -89,20 +95,31 @@ recogniseTree()
         fail "$tree is a tree of kernel $version; only $knownKernels are known; give the path of one"
         ;;
     esac
+    architecture=i386
+    kernelArchitecture=i386
+    if [ $provider = linux-6.1 ] && isConfiguredWith CONFIG_X86_64; then
+        architecture=amd64
+        kernelArchitecture=x86_64
+    fi
 }
 
 checkTree()
 {
     [ -f "$tree/.config" ] && [ -f "$tree/$generated/autoconf.h" ] ||
         fail "$tree is not configured (no .config or no $generated/autoconf.h); run" \
-            "'make ARCH=i386 oldconfig' there and build it"
+            "'make ARCH=$kernelArchitecture oldconfig' there and build it"
     [[ $out$tree != *[[:space:]:]* ]] ||
         fail "a kernel's build takes no spaces or colons in paths; move $PWD or $tree"
 
-    requireOption CONFIG_X86_32 "32-bit x86"
+    if [ $architecture = amd64 ]; then
+        requireOption CONFIG_IA32_EMULATION "32-bit programs, such as a backup agent"
+        refuseOption CONFIG_X86_KERNEL_IBT "no branches to functions it does not offer"
+    else
+        requireOption CONFIG_X86_32 "32-bit x86"
+    fi
     requireOption CONFIG_SMP "more than one processor"
     if [ $provider = linux-6.1 ]; then
-        requireOption CONFIG_HIGHMEM64G "more memory than 4 GiB"
+        [ $architecture = amd64 ] || requireOption CONFIG_HIGHMEM64G "more memory than 4 GiB"
         requireOption CONFIG_KPROBES "finding the kernel's functions"
         requireOption CONFIG_DYNAMIC_FTRACE_WITH_REGS "redirecting the kernel's functions"
     else
@@ -116,8 +133,8 @@ checkTree()
 
     [ -x "$tree/scripts/mod/modpost" ] && [ -x "$tree/scripts/basic/fixdep" ] &&
         [ -f "$tree/$generated/utsrelease.h" ] ||
-        fail "$tree is configured but not built; run 'make ARCH=i386' there"
+        fail "$tree is configured but not built; run 'make ARCH=$kernelArchitecture' there"
     [ -f "$tree/Module.symvers" ] ||
         fail "$tree has no Module.symvers, which says what the kernel exports; run" \
-            "'make ARCH=i386' there"
+            "'make ARCH=$kernelArchitecture' there"
 }

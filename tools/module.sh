@@ -1,14 +1,16 @@
 #!/bin/bash
 # Builds build/module/zelmod.ko for a real kernel, given the path of its configured and built tree, and
 # beside it zelcontract.ko, the contract's checks as a module; a package of the sources has no checks.
-# Without a path it is for Debian 12's current kernel, which is fetched.
-# Called by: make module [KDIR=<tree>]. Writes nothing into the tree.
+# Without a path it is for Debian 12's current kernel, which is fetched; an architecture says which one.
+# For x86-64 the folder is build/module-amd64. Writes nothing into the tree.
+#
+#   tools/module.sh [<tree> [i386|amd64]]
 set -euo pipefail
 tree=${1:-}
+wanted=${2:-}
 [ ! -e "$tree" ] || tree=$(readlink -f "$tree") # from the caller's folder
 cd "$(dirname "$(readlink -f "$0")")/.."
 
-out=$PWD/build/module
 compiler=${CC:-gcc}
 cxxCompiler=${CXX:-g++}
 modules=(zelmod)
@@ -36,7 +38,8 @@ checkCompilers()
             "made ready for gcc 12 only; give one by CC= and CXX="
     done
     # The kernel's own build needs no 32-bit headers, the module's sources do.
-    echo '#include <stdint.h>' | "$cxxCompiler" -m32 -x c++ -fsyntax-only - 2>/dev/null ||
+    [ $architecture != i386 ] ||
+        echo '#include <stdint.h>' | "$cxxCompiler" -m32 -x c++ -fsyntax-only - 2>/dev/null ||
         fail "$cxxCompiler cannot compile for 32 bits; install the package g++-multilib" \
             "(tools/setup.sh does)"
 }
@@ -45,7 +48,8 @@ checkCompilers()
 fetchTree()
 {
     local cache=build/cache/linux-6.1
-    tools/fetch-kernel.sh || fail "there is no kernel to build for (see above)"
+    [ "$wanted" != amd64 ] || cache+=-amd64
+    tools/fetch-kernel.sh "${wanted:-i386}" || fail "there is no kernel to build for (see above)"
     tree=$PWD/$cache/root/usr/src/linux-headers-$(cat $cache/release)
 }
 
@@ -82,8 +86,8 @@ build()
         cc+=" -fno-delete-null-pointer-checks -fno-asynchronous-unwind-tables"
         cc+=" -I$out/compat"
     fi
-    make --no-print-directory -C "$tree" "${top[@]}" ARCH=i386 CROSS_COMPILE= M="$out" CC="$cc" \
-        CXX="$cxxCompiler" modules 2>&1 | tee "$out/build.log" || fail "the build failed (see above)"
+    make --no-print-directory -C "$tree" "${top[@]}" ARCH=$kernelArchitecture CROSS_COMPILE= M="$out" \
+        CC="$cc" CXX="$cxxCompiler" modules 2>&1 | tee "$out/build.log" || fail "the build failed (see above)"
 }
 
 # Warnings are errors for our sources, but not for the headers of a kernel that is not ours; kbuild
@@ -98,7 +102,7 @@ check()
     ! grep -q '" \[.*\] undefined!' "$out/build.log" ||
         fail "the kernel in $tree does not export what the module needs (see above)"
     local file guards=()
-    [ $provider = linux-2.6.30 ] || guards=(__stack_chk_fail __stack_chk_guard '__x86_indirect_thunk_.*')
+    [ $provider = linux-2.6.30 ] || guards=(__stack_chk_fail __stack_chk_guard '__x86_(indirect|return)_thunk.*')
     for file in "${merged[@]}"; do
         tools/check-kernel-objects.sh --merged "$out/$file" "${guards[@]}" || fail "the C++ objects would not work in the" \
             "kernel (see above)"
@@ -115,8 +119,16 @@ removeUnchecked()
     [ "${checked:-}" = yes ] || rm -f "$out"/{zelmod,zelcontract}.ko
 }
 
+case $wanted in
+"" | i386 | amd64) ;;
+*) fail "$wanted is not an architecture that is known: i386 or amd64" ;;
+esac
 [ -n "$tree" ] || [ ! -f tools/fetch-kernel.sh ] || fetchTree
 recogniseTree
+[ "${wanted:-$architecture}" = $architecture ] ||
+    fail "$tree is a tree for $architecture, not for $wanted"
+out=$PWD/build/module
+[ $architecture = i386 ] || out+=-$architecture
 checkTree
 checkCompilers
 trap removeUnchecked EXIT
@@ -124,4 +136,4 @@ layOut
 build
 check
 checked=yes
-echo "module: build/module: ${modules[*]/%/.ko} for $(kernelRelease)"
+echo "module: ${out#"$PWD"/}: ${modules[*]/%/.ko} for $(kernelRelease)"

@@ -11,6 +11,7 @@ failures=0
 options=(X86_32 SMP HIGHMEM LBD BLOCK MODULES MODULE_UNLOAD)
 
 debianOptions=(X86_32 SMP HIGHMEM64G KPROBES DYNAMIC_FTRACE_WITH_REGS BLOCK MODULES MODULE_UNLOAD)
+amd64Options=(X86_64 IA32_EMULATION SMP KPROBES DYNAMIC_FTRACE_WITH_REGS BLOCK MODULES MODULE_UNLOAD)
 
 # Makes $tree: as much of a configured and built 2.6.30 as is looked at. The compiler is the last
 # thing that is looked at, so that a tree with nothing wrong is told by what is said of the compiler.
@@ -26,10 +27,11 @@ newTree()
     install -m 755 /dev/null "$tree/scripts/basic/fixdep"
 }
 
-# Makes $tree: as much of the packages of a 6.1's headers as is looked at. Its Makefile names where the
-# other half would lie if it were installed.
+# newDebianTree [option...] makes $tree: as much of the packages of a 6.1's headers as is looked at, of a
+# kernel with these options. Its Makefile names where the other half would lie if it were installed.
 newDebianTree()
 {
+    [ $# != 0 ] || set -- "${debianOptions[@]}"
     local shared=$work/tree-common
     tree=$work/tree
     rm -rf "$work"/tree*
@@ -38,7 +40,7 @@ newDebianTree()
     echo "include /nowhere/tree-common/Makefile" >"$tree/Makefile"
     touch "$tree/.config" "$tree/Module.symvers"
     echo '#define UTS_RELEASE "6.1.0-9-686-pae"' >"$tree/include/generated/utsrelease.h"
-    printf '#define CONFIG_%s 1\n' "${debianOptions[@]}" >"$tree/include/generated/autoconf.h"
+    printf '#define CONFIG_%s 1\n' "$@" >"$tree/include/generated/autoconf.h"
     install -m 755 /dev/null "$tree/scripts/mod/modpost"
     install -m 755 /dev/null "$tree/scripts/basic/fixdep"
 }
@@ -79,7 +81,7 @@ for nothing in absent empty; do
     [ $nothing = absent ] || arguments=("")
     script=$work/package/tools/module.sh \
         refuses "builds zelmod.ko for a real kernel and needs the path of that kernel's configured and\
- built tree (2.6.30 and 6.1, 32-bit x86): make module KDIR=<tree>" "${arguments[@]}"
+ built tree (2.6.30 and 6.1; x86, 2.6.30 of 32 bits only): make module KDIR=<tree>" "${arguments[@]}"
 done
 newTree
 refuses "there is no $work/nowhere; give the path of a kernel tree: make module KDIR=<tree>" \
@@ -149,6 +151,30 @@ for i in "${!debianOptions[@]}"; do
  build the kernel with it, or give the tree of one that has it" "$tree"
 done
 
+meanings=("32-bit x86" "32-bit programs, such as a backup agent" "more than one processor"
+    "finding the kernel's functions" "redirecting the kernel's functions" "block devices"
+    "loadable modules" "unloading of modules")
+for i in "${!amd64Options[@]}"; do
+    newDebianTree "${amd64Options[@]}"
+    sed -i "/^#define CONFIG_${amd64Options[i]} 1$/d" "$tree/include/generated/autoconf.h"
+    name=CONFIG_${amd64Options[i]}
+    [ $name != CONFIG_X86_64 ] || name=CONFIG_X86_32 # either would do
+    refuses "$tree is configured without $name (${meanings[i]}); configure and build the kernel with it,\
+ or give the tree of one that has it" "$tree"
+done
+newDebianTree "${amd64Options[@]}" X86_KERNEL_IBT
+refuses "$tree is configured with CONFIG_X86_KERNEL_IBT (no branches to functions it does not offer);\
+ configure and build the kernel without it, or give the tree of one that does without" "$tree"
+newTree
+sed -i 's/CONFIG_X86_32/CONFIG_X86_64/' "$tree/include/linux/autoconf.h"
+refuses "$tree is configured without CONFIG_X86_32 (32-bit x86); configure and build the kernel with it,\
+ or give the tree of one that has it" "$tree"
+newDebianTree "${amd64Options[@]}"
+refuses "$tree is a tree for amd64, not for i386" "$tree" i386
+newDebianTree
+refuses "$tree is a tree for i386, not for amd64" "$tree" amd64
+refuses "arm64 is not an architecture that is known: i386 or amd64" "$tree" arm64
+
 newTree
 echo '#define CONFIG_4KSTACKS 1' >>"$tree/include/linux/autoconf.h"
 refuses "$tree is configured with CONFIG_4KSTACKS (stacks of 4 KiB, which the module may overrun below\
@@ -164,6 +190,10 @@ done
 newTree
 rm "$tree/Module.symvers"
 refuses "$tree has no Module.symvers, which says what the kernel exports; run 'make ARCH=i386' there" \
+    "$tree"
+newDebianTree "${amd64Options[@]}"
+rm "$tree/Module.symvers"
+refuses "$tree has no Module.symvers, which says what the kernel exports; run 'make ARCH=x86_64' there" \
     "$tree"
 
 # Paths
