@@ -4,6 +4,8 @@
 #include <linux/fs.h>
 #include <linux/kernel.h>
 #include <linux/module.h>
+#include <linux/printk.h>
+#include <linux/sched.h>
 
 #include <kernel/chardev.h>
 
@@ -45,6 +47,15 @@ static long callFile(struct file *file, unsigned int command, unsigned long argu
     return moduleOperations->ioctl(file_inode(file), file, command, argument);
 }
 
+/* The module's records have 32 bits for an address of the caller's. */
+static long refuseCall(struct file *file, unsigned int command, unsigned long argument)
+{
+    printk_ratelimited(KERN_ERR "%s: a command of %s is refused: it is a 64-bit program, and the "
+                                "records have 32-bit addresses\n",
+                       THIS_MODULE->name, current->comm);
+    return -EOPNOTSUPP;
+}
+
 int zk_register_chrdev(unsigned int major, const char *name, struct chrdev_operations *operations)
 {
     moduleOperations = operations;
@@ -52,7 +63,13 @@ int zk_register_chrdev(unsigned int major, const char *name, struct chrdev_opera
     kernelOperations.read = operations->read != NULL ? readFile : NULL;
     kernelOperations.write = operations->write != NULL ? writeFile : NULL;
     kernelOperations.poll = operations->poll;
-    kernelOperations.unlocked_ioctl = operations->ioctl != NULL ? callFile : NULL;
+    /* A 64-bit kernel calls the first for 64-bit programs, the second for those of 32 bits. */
+    kernelOperations.unlocked_ioctl = IS_ENABLED(CONFIG_64BIT) ? refuseCall : callFile;
+    kernelOperations.compat_ioctl = callFile;
+    if (operations->ioctl == NULL) {
+        kernelOperations.unlocked_ioctl = NULL;
+        kernelOperations.compat_ioctl = NULL;
+    }
     kernelOperations.mmap = operations->mmap;
     kernelOperations.open = operations->open != NULL ? openFile : NULL;
     kernelOperations.release = operations->release;
