@@ -312,7 +312,8 @@ const char *pagesAreShownAsTheyAreTouched(const Environment *environment)
         fillPage(device.pages[0], 0x30);
         REQUIRE(seenAt(address + 7) == 0x30); // the same memory
         REQUIRE(seenAt(address + pageCount * PAGE_SIZE + 5) == -1);
-        REQUIRE(device.faults == 3);
+        // A 64-bit kernel tries what it could not copy once more, by bytes.
+        REQUIRE(device.faults == 3 || device.faults == 4);
         REQUIRE(!device.oddFault);
         unsigned char byte = 1;
         REQUIRE(copy_to_user(reinterpret_cast<void *>(address), &byte, 1) == 1);

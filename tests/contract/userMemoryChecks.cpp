@@ -28,7 +28,7 @@ const char *copiesBothWays(const Environment *environment)
 }
 
 // More than a few bytes are copied in words, which lie at multiples of four of the target: one that
-// crosses into the hole is not copied at all.
+// crosses into the hole is not copied at all, or, by a 64-bit kernel, as far as it goes.
 const char *readIntoAHoleGivesTheRemainderAndZeroes(const Environment *environment)
 {
     unsigned long last = environment->user + environment->userBytes - 5;
@@ -38,9 +38,10 @@ const char *readIntoAHoleGivesTheRemainderAndZeroes(const Environment *environme
     REQUIRE(copy_to_user(user(last), bytes, 5) == 0);
     for (unsigned char &byte : bytes)
         byte = 0xff;
-    REQUIRE(copy_from_user(bytes, user(last), 30) == 26);
+    unsigned long left = copy_from_user(bytes, user(last), 30);
+    REQUIRE(left == 26 || left == 25);
     for (unsigned int i = 0; i < 30; i++)
-        REQUIRE(bytes[i] == (i < 4 ? 0x3c : 0));
+        REQUIRE(bytes[i] == (i < 30 - left ? 0x3c : 0));
     REQUIRE(bytes[30] == 0xff && bytes[31] == 0xff);
     REQUIRE(copy_from_user(bytes + 3, user(last), 29) == 24);
     for (unsigned int i = 3; i < 32; i++)

@@ -16,9 +16,16 @@
 
 typedef long call_fn(const struct pt_regs *regs);
 
+/* A 32-bit process's calls of a 64-bit kernel, where they are not the same. */
+#ifdef CONFIG_X86_64
+#define OF_32_BITS(name) "__ia32_compat_sys_" name
+#else
+#define OF_32_BITS(name) "__ia32_sys_" name
+#endif
+
 static const char *const names[SYSTEM_CALLS] = {
-    [SYSTEM_OPEN] = "__ia32_sys_open",     [SYSTEM_CLOSE] = "__ia32_sys_close",
-    [SYSTEM_IOCTL] = "__ia32_sys_ioctl",   [SYSTEM_READ] = "__ia32_sys_read",
+    [SYSTEM_OPEN] = OF_32_BITS("open"),    [SYSTEM_CLOSE] = "__ia32_sys_close",
+    [SYSTEM_IOCTL] = OF_32_BITS("ioctl"),  [SYSTEM_READ] = "__ia32_sys_read",
     [SYSTEM_MUNMAP] = "__ia32_sys_munmap", [SYSTEM_SYSLOG] = "__ia32_sys_syslog",
 };
 static call_fn *calls[SYSTEM_CALLS];

@@ -153,6 +153,7 @@ static long control(struct file *file, unsigned int command, unsigned long argum
 static const struct file_operations operations = {
     .owner = THIS_MODULE,
     .unlocked_ioctl = control,
+    .compat_ioctl = control,
 };
 
 static int __init loadModule(void)
