@@ -3,13 +3,14 @@
 SEEDS ?= 20000
 SECONDS ?= 60
 CYCLES ?= 200
+ARCHITECTURE ?= i386
 ARGUMENTS ?=
 
 .DEFAULT_GOAL := help
 .PHONY: help setup build check demo machine module vm soak vm-bench package simulate bench fuzz format lint hook clean
 
 help: ## list the targets
-	@echo "make TARGET, where TARGET is one of:"
+	@echo "make TARGET, where TARGET is one of (module, vm, soak: ARCHITECTURE=amd64 for 64 bits):"
 	@sed -n 's/^\([a-z-]*\):.*## /\1|/p' Makefile | awk -F'|' '{ printf "  %-10s %s\n", $$1, $$2 }'
 
 setup: ## install the packages and the C library that the build needs (root for packages)
@@ -29,15 +30,15 @@ machine: build ## start the demonstration machine and leave it running
 	@tools/machine.sh $(ARGUMENTS)
 
 module: setup ## build zelmod.ko for Debian 12's kernel, or another: make module KDIR=<built tree>
-	@tools/module.sh "$(KDIR)"
+	@tools/module.sh "$(KDIR)" $(if $(KDIR),,$(ARCHITECTURE))
 
 vm: ## run contract and scenarios in Debian 12's kernel, or KERNEL=<bzImage> MODULE=<zelmod.ko>
 	@tools/setup.sh qemu-system-x86
-	@tools/vm.sh "$(KERNEL)" "$(MODULE)" $(ARGUMENTS)
+	@tools/vm.sh --architecture $(ARCHITECTURE) "$(KERNEL)" "$(MODULE)" $(ARGUMENTS)
 
 soak: ## load, use and unload the module again and again in that kernel: make soak CYCLES=N
 	@tools/setup.sh qemu-system-x86
-	@tools/vm.sh "$(KERNEL)" "$(MODULE)" --cycles $(CYCLES) $(ARGUMENTS) Soak
+	@tools/vm.sh --architecture $(ARCHITECTURE) "$(KERNEL)" "$(MODULE)" --cycles $(CYCLES) $(ARGUMENTS) Soak
 
 vm-bench: ## measure in a real kernel: make vm-bench KERNEL=<bzImage> MODULE=<zelmod.ko>
 	@[ -z "$(KERNEL)" ] || tools/setup.sh qemu-system-x86
@@ -72,4 +73,4 @@ hook: ## run the lint script before each commit in this clone
 
 clean: ## remove what was built (keeps downloads and the machine's disk)
 	@rm -rf build/i386 build/tsan build/asan build/native build/release build/fuzz \
-		build/kernel-objects build/module build/vm build/vm-bench build/package build/packages
+		build/kernel-objects build/module build/module-amd64 build/vm build/vm-bench build/package build/packages

@@ -2,13 +2,13 @@
 # Boots a real kernel in an emulator and runs the scenarios on the module in it, and the contract's
 # checks if zelcontract.ko is beside the module; or measures what the module costs there.
 #
-#   tools/vm.sh [<kernel> [<module>]] [--disk ide|virtio]... [--timeout seconds] [--cycles count]
-#               [name...]
+#   tools/vm.sh [--architecture i386|amd64] [<kernel> [<module>]] [--disk ide|virtio]...
+#               [--timeout seconds] [--cycles count] [name...]
 #   tools/vm.sh --bench <kernel> <module> [--rounds N] [--scheduler NAME] [--processors 1|2]
 #
-# Kernel and module may be empty. Without a kernel it is Debian 12's current one, which is fetched, and
-# the file systems are ext4; without a module, too, that is built for it. A kernel that is given has
-# its drivers built in, and the file systems are ext3.
+# Kernel and module may be empty. Without a kernel it is Debian 12's current one for the architecture
+# (i386 if none is named), which is fetched, and the file systems are ext4; without a module, too, that is
+# built for it. A kernel that is given has its drivers built in, and the file systems are ext3.
 #
 # A scenario is named by any part of its name, a check by "Contract." and the beginning of its name;
 # without any, all are run, with each kind of disk. What the kernels printed is in
@@ -25,6 +25,11 @@ target=vm
 if [ "${1:-}" = --bench ]; then
     target=vm-bench
     shift
+fi
+architecture=i386
+if [ "${1:-}" = --architecture ]; then
+    architecture=${2:-}
+    shift 2
 fi
 kernel=${1:-}
 module=${2:-}
@@ -46,12 +51,14 @@ cd "$(dirname "$(readlink -f "$0")")/.."
 if [ -n "$kernel" ]; then
     of=()
 else
-    tools/fetch-kernel.sh
-    cache=$PWD/build/cache/linux-6.1
+    tools/fetch-kernel.sh "$architecture"
+    suffix=
+    [ "$architecture" = i386 ] || suffix=-$architecture
+    cache=$PWD/build/cache/linux-6.1$suffix
     kernel=$cache/vmlinux
     of=(--kernel-modules "$cache/root/lib/modules/$(cat "$cache/release")/kernel" --file-system ext4)
-    [ -n "$module" ] || tools/module.sh
-    module=${module:-$PWD/build/module/zelmod.ko}
+    [ -n "$module" ] || tools/module.sh "" "$architecture"
+    module=${module:-$PWD/build/module$suffix/zelmod.ko}
 fi
 tools/build.sh i386 "$target"
 if [ "$target" = vm-bench ]; then

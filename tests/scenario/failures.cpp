@@ -233,12 +233,13 @@ void registration(Environment &env)
 
 std::vector<Scenario> failureScenarios()
 {
-    std::vector<Scenario> all = {{"FailedRegistration", {}, registration}};
+    std::vector<Scenario> all = {{"FailedRegistration", {}, registration, "registerDevice"}};
     for (const Kind &kind : kinds)
         for (bool tracked : {false, true})
             all.push_back({"EachFailureOf_" + kind.name + (tracked ? "_incremental" : "_full"),
                            {1, {4096, 4096}, true},
-                           [&kind, tracked](Environment &env) { everyNth(env, kind, tracked); }});
+                           [&kind, tracked](Environment &env) { everyNth(env, kind, tracked); },
+                           kind.name});
     return all;
 }
 

@@ -108,6 +108,8 @@ struct Scenario {
     Layout layout;
     // With the module loaded, and unloaded when it returns. Throws Failure.
     std::function<void(Environment &)> run;
+    // The kind of what it makes fail by Environment::failNth; empty for nothing.
+    std::string failing = {};
 };
 
 // One list for each subject.

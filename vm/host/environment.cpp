@@ -19,6 +19,7 @@ constexpr const char *diskSocket = "disk.socket";
 constexpr const char *debuggerSocket = "debugger.socket";
 constexpr const char *moduleName = "zelmod";
 constexpr unsigned controlMajor = 120;
+constexpr const char *writes = "write"; // the kind of failure of a scenario's own writes
 constexpr const char *longestRequest = "max_sectors_kb";
 
 std::string numbered(const char *name, unsigned partition)
@@ -34,8 +35,11 @@ void require(int result, const std::string &what)
 
 GuestOptions optionsOf(const Setting &setting)
 {
-    return {setting.kernel,  setting.initramfs,   diskSocket,      setting.diskKind, debuggerSocket,
-            setting.console, setting.emulatorLog, setting.timeout, setting.mebibytes};
+    GuestOptions options = {setting.kernel,      setting.initramfs, diskSocket,
+                            setting.diskKind,    debuggerSocket,    setting.console,
+                            setting.emulatorLog, setting.timeout,   setting.mebibytes};
+    options.has64Bits = setting.has64Bits;
+    return options;
 }
 
 class ThreadBackground : public scenario::Environment::Background
@@ -71,6 +75,11 @@ private:
 };
 
 } // namespace
+
+bool canFailWith64Bits(const std::string &kind)
+{
+    return kind.empty() || kind == writes;
+}
 
 bool hasDriver(const std::string &devices, const std::string &diskKind)
 {
@@ -342,7 +351,7 @@ void Environment::setQueue(const std::string &property, const std::string &value
 // its journal's.
 void Environment::failNth(const std::string &kind, unsigned n)
 {
-    if (kind == "write") {
+    if (kind == writes) {
         writesToFailure_ = n;
         return;
     }

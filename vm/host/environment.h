@@ -32,6 +32,7 @@ struct Setting {
     std::string emulatorLog;
     std::chrono::seconds timeout{300};
     unsigned mebibytes = 1024; // of the guest's memory
+    bool has64Bits = false;    // as GuestOptions has it
 };
 
 // The guest's kernel has no driver for disks of that kind, so that nothing can be tried with one.
@@ -44,6 +45,10 @@ public:
 // Whether a kernel that lists these devices (as in its /proc/devices) has a driver for disks of a
 // kind.
 bool hasDriver(const std::string &devices, const std::string &diskKind);
+
+// Whether failNth can make this kind fail with a module of 64 bits: not its calls, as what leads
+// them elsewhere knows the code of 32 bits only.
+bool canFailWith64Bits(const std::string &kind);
 
 class Environment : public scenario::Environment
 {

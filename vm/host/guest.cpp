@@ -64,7 +64,8 @@ Descriptor makeMemory()
 std::vector<std::string> emulatorArguments(const GuestOptions &options, int memory)
 {
     std::string size = std::to_string(sharedBytes / mebibyte) + "M";
-    return {"qemu-system-i386",
+    // The newer processor keeps the kernel from running or touching a program's memory by mistake.
+    return {options.has64Bits ? "qemu-system-x86_64" : "qemu-system-i386",
             "-nodefaults",
             "-no-user-config",
             "-display",
@@ -73,7 +74,7 @@ std::vector<std::string> emulatorArguments(const GuestOptions &options, int memo
             "-accel",
             "tcg",
             "-cpu",
-            "coreduo",
+            options.has64Bits ? "max,la57=off" : "coreduo",
             "-smp",
             "2",
             "-m",

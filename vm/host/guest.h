@@ -39,6 +39,7 @@ struct GuestOptions {
     // In place of that disk, if there are any: disks as the emulator's option -drive has them.
     std::vector<std::string> drives = {};
     std::string kernelOptions = {}; // besides those that every guest has
+    bool has64Bits = false;         // its kernel; its programs have 32
 };
 
 // At most one at a time, as its memory has a fixed place. Any thread may use it.

@@ -1,4 +1,7 @@
-/* Runs the scenarios in a real kernel under an emulator and prints a line for each. */
+/*
+ * Runs the scenarios in a real kernel under an emulator and prints a line for each. The module
+ * tells whether that is a kernel of 32 or of 64 bits.
+ */
 #include <algorithm>
 #include <charconv>
 #include <csignal>
@@ -18,6 +21,7 @@
 #include "initramfs.h"
 #include "kernelLog.h"
 #include "kernelModules.h"
+#include "objectFile.h"
 #include "partitionScenarios.h"
 #include "refusals.h"
 #include "selfChecks.h"
@@ -180,13 +184,15 @@ constexpr std::chrono::minutes timeForFailures{20};
 
 vm::GuestScenario withModule(const Scenario &scenario, std::chrono::seconds longer)
 {
-    return {scenario.name, scenario.layout,
-            [run = scenario.run](vm::Environment &environment) {
-                expectLoad(environment.load(), "loading");
-                run(environment);
-                expectLoad(environment.unload(), "unloading");
-            },
-            longer};
+    vm::GuestScenario result{scenario.name, scenario.layout,
+                             [run = scenario.run](vm::Environment &environment) {
+                                 expectLoad(environment.load(), "loading");
+                                 run(environment);
+                                 expectLoad(environment.unload(), "unloading");
+                             },
+                             longer};
+    result.failing = scenario.failing;
+    return result;
 }
 
 // Empty, or why it failed. May throw NoDriver.
@@ -230,6 +236,7 @@ public:
         setting_.module = contentsOf(options.module);
         setting_.modulePath = "/zelmod.ko";
         setting_.fileSystem = options.fileSystem;
+        setting_.has64Bits = vm::ObjectFile(setting_.module).has64Bits();
         files_ = {{"init", contentsOf(options.guest)}};
         if (!options.kernelModules.empty())
             for (vm::GuestFile &file : vm::kernelModules(options.kernelModules, neededModules))
@@ -244,6 +251,8 @@ public:
     void run(const vm::GuestScenario &scenario, const std::string &disk)
     {
         std::string name = scenario.name + " on " + disk;
+        if (setting_.has64Bits && !vm::canFailWith64Bits(scenario.failing))
+            return skip(name, "calls are made to fail in a 32-bit kernel only");
         setting_.diskKind = disk;
         setting_.mebibytes = scenario.mebibytes;
         setting_.timeout = std::chrono::seconds(options_.timeout) + scenario.longer;

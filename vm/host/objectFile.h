@@ -17,14 +17,16 @@ struct Function {
     std::vector<std::uint32_t> calls; // where a call has the distance to it
 };
 
-// One object file of 32 bits with a section of code. Throws std::runtime_error where there is not
-// what is looked for.
+// One object file of 32 or 64 bits with a section of code. Throws std::runtime_error where there is
+// not what is looked for.
 class ObjectFile
 {
 public:
     // The file's contents must outlive this.
     explicit ObjectFile(const std::string &file);
 
+    bool has64Bits() const { return is64_; }
+    // Of 32 bits only.
     Function function(const std::string &name) const;
     // Where in the file an object of this name lies.
     std::size_t data(const std::string &name) const;
@@ -40,12 +42,17 @@ public:
     static constexpr const char *code = ".text";
 
 private:
-    Elf32_Shdr section(unsigned i) const;
-    std::string text(const Elf32_Shdr &table, std::uint32_t at) const;
-    std::string nameOf(const Elf32_Shdr &section) const;
+    // Either size's records, in the form of 64 bits.
+    Elf64_Shdr section(std::uint64_t i) const;
+    Elf64_Sym symbol(const Elf64_Shdr &table, std::uint64_t i) const;
+    std::string text(const Elf64_Shdr &table, std::uint64_t at) const;
+    std::string nameOf(const Elf64_Shdr &section) const;
 
     const std::string &file_;
-    const Elf32_Ehdr header_;
+    bool is64_;
+    std::uint64_t sectionsAt_;
+    unsigned sectionCount_;
+    unsigned namesIndex_; // of the section with the sections' names
 };
 
 } // namespace vm

@@ -13,6 +13,7 @@ struct GuestScenario {
     std::function<void(Environment &)> run; // throws scenario::Failure
     std::chrono::seconds longer{0};         // than the time that any scenario has
     unsigned mebibytes = 1024;              // of the guest's memory
+    std::string failing = {};               // as scenario::Scenario has it
 };
 
 std::vector<GuestScenario> selfChecks();
