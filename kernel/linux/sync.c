@@ -13,7 +13,7 @@
 #include <kernel/sync.h>
 
 /* The module's sources reserve this much for a class of locks. */
-enum { lockClassKeyBytes = 8 };
+enum { lockClassKeyBytes = 2 * sizeof(void *) };
 
 void zk_sema_init_named(struct semaphore *sem, int count, const char *name,
                         struct lock_class_key *key)

@@ -32,7 +32,7 @@ typedef struct {
 
 /* Identifies a class of locks to the lock validator; must live as long as the module. */
 struct lock_class_key {
-    char storage[8];
+    char storage[2 * sizeof(void *)];
 };
 
 struct mutex;
