@@ -33,6 +33,7 @@ constexpr uint32_t dispatcher = 0;
 
 enum class Request : uint32_t {
     systemCall, // number and up to six arguments; what the kernel answers, a negated errno if so
+    wideCall,   // the same, with up to three arguments, as a 64-bit program makes it
     copy,       // to, from, bytes; -EFAULT where a load or store would have ended the process
     fill,       // file, to, bytes: reads until so many are there or the end; how many there are
     fork,       // a child, with all that a child has, which serves the slot of this number

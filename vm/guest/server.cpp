@@ -42,6 +42,27 @@ int32_t callKernel(const uint32_t *a)
     return static_cast<int32_t>(result != -1 ? result : -errno);
 }
 
+// In the code segment of 64-bit programs, which a 64-bit kernel has for all.
+int32_t callKernelWide(const uint32_t *a)
+{
+    int32_t result = 0;
+    asm volatile("lcall $0x33, $1f\n\t"
+                 "jmp 2f\n"
+                 ".code64\n"
+                 "1:\n\t"
+                 "movl %%edi, %%edi\n\t" // leaves nothing in the upper half
+                 "movl %%esi, %%esi\n\t"
+                 "movl %%edx, %%edx\n\t"
+                 "syscall\n\t"
+                 "lretl\n"
+                 ".code32\n"
+                 "2:"
+                 : "=a"(result)
+                 : "a"(a[0]), "D"(a[1]), "S"(a[2]), "d"(a[3])
+                 : "ecx", "memory", "cc");
+    return result;
+}
+
 int32_t copy(uint32_t to, uint32_t from, uint32_t bytes)
 {
     if (sigsetjmp(badAccess, 1) != 0) {
@@ -100,6 +121,9 @@ void answer(const Shared &shared, uint32_t number)
     switch (static_cast<Request>(slot.request)) {
     case Request::systemCall:
         slot.result = callKernel(a);
+        break;
+    case Request::wideCall:
+        slot.result = callKernelWide(a);
         break;
     case Request::copy:
         slot.result = copy(a[0], a[1], a[2]);

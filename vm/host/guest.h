@@ -132,6 +132,12 @@ public:
         return guest_.request(slot_, Request::systemCall,
                               {number, static_cast<std::uint32_t>(arguments)...});
     }
+    // As a 64-bit program makes it, by that kind's number of it; the kernel must be of 64 bits.
+    std::int32_t wideCall(std::uint32_t number, std::uint32_t first, std::uint32_t second,
+                          std::uint32_t third)
+    {
+        return guest_.request(slot_, Request::wideCall, {number, first, second, third});
+    }
     // By the process's own loads and stores: 0, or -EFAULT where it could not.
     std::int32_t copy(std::uint32_t to, std::uint32_t from, std::uint32_t bytes)
     {

@@ -253,6 +253,8 @@ public:
         std::string name = scenario.name + " on " + disk;
         if (setting_.has64Bits && !vm::canFailWith64Bits(scenario.failing))
             return skip(name, "calls are made to fail in a 32-bit kernel only");
+        if (scenario.needs64Bits && !setting_.has64Bits)
+            return skip(name, "a 32-bit kernel runs no 64-bit programs");
         setting_.diskKind = disk;
         setting_.mebibytes = scenario.mebibytes;
         setting_.timeout = std::chrono::seconds(options_.timeout) + scenario.longer;

@@ -6,6 +6,7 @@
 
 #include "objectFile.h"
 #include "worker.h"
+#include "zelmod.h"
 
 namespace vm
 {
@@ -22,8 +23,12 @@ void expectRefused(Environment &env, const std::string &image, const std::string
     Worker worker(env.guest());
     int file = worker.open(path, O_CREAT | O_TRUNC | O_WRONLY);
     expect(file >= 0, "a file for the image");
-    expectEqual(worker.writeAt(file, 0, {image.begin(), image.end()}, false), 0,
-                "the result of writing it");
+    constexpr std::size_t piece = 512 * 1024;
+    for (std::size_t at = 0; at < image.size(); at += piece) {
+        std::string bytes = image.substr(at, piece);
+        expectEqual(worker.writeAt(file, at, {bytes.begin(), bytes.end()}, false), 0,
+                    "the result of writing it");
+    }
     worker.close(file);
     std::size_t before = env.kernelLog().size();
     expectEqual(worker.loadModule(path, static_cast<std::uint32_t>(image.size())), -ENOEXEC,
@@ -66,13 +71,34 @@ void refusesOtherRecords(Environment &env)
     expectLoads(env);
 }
 
+// In the same file the commands of 32-bit programs are taken.
+void refusesWidePrograms(Environment &env)
+{
+    expectEqual(env.load(), 0, "the result of loading the module");
+    Worker worker(env.guest());
+    int file = worker.open("/dev/zelmod", O_RDWR);
+    expect(file >= 0, "the control device to open");
+    std::size_t before = env.kernelLog().size();
+    for (std::uint32_t command : {ZEL_GET_VERSION_MAJOR, ZEL_SYNC, ZEL_NO_START_AUTO_MAP})
+        expectEqual(worker.wideControl(file, command), -EOPNOTSUPP, "the answer to 64 bits");
+    std::string log = env.kernelLog().substr(before);
+    expect(log.find("it is a 64-bit program") != std::string::npos, "to be told so, not: " + log);
+    expectEqual(worker.control(file, ZEL_RESERVED), static_cast<int>(ZEL_RESULT_CHANGED),
+                "the answer to 32 bits");
+    expectEqual(worker.close(file), 0, "the result of closing");
+    expectEqual(env.unload(), 0, "the result of unloading");
+}
+
 } // namespace
 
 std::vector<GuestScenario> refusalScenarios()
 {
+    GuestScenario wide = {"RefusesCommandsOf64BitPrograms", {}, refusesWidePrograms};
+    wide.needs64Bits = true;
     return {
         {"RefusesAModuleOfAnotherVersionMagic", {}, refusesAnotherVersionMagic},
         {"RefusesAModuleWithOtherRecords", {}, refusesOtherRecords},
+        wide,
     };
 }
 

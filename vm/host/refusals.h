@@ -1,4 +1,5 @@
-/* Modules that must not be loaded, since they were made for another kernel. */
+/* Modules that must not be loaded, since they were made for another kernel; programs that must not
+ * command one, since they have longer addresses. */
 #pragma once
 
 #include <vector>

@@ -14,6 +14,7 @@ struct GuestScenario {
     std::chrono::seconds longer{0};         // than the time that any scenario has
     unsigned mebibytes = 1024;              // of the guest's memory
     std::string failing = {};               // as scenario::Scenario has it
+    bool needs64Bits = false;               // of the kernel
 };
 
 std::vector<GuestScenario> selfChecks();

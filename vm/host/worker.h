@@ -43,6 +43,12 @@ public:
     {
         return process_.systemCall(SYS_ioctl, file, command, 0);
     }
+    // As a 64-bit program does it, with the address of some memory.
+    int wideControl(int file, std::uint32_t command)
+    {
+        constexpr std::uint32_t ioctlNumber = 16;
+        return process_.wideCall(ioctlNumber, static_cast<std::uint32_t>(file), command, data());
+    }
     int sync(int file) { return process_.systemCall(SYS_fsync, file); }
     int syncAll() { return process_.systemCall(SYS_sync); }
 
