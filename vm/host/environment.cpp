@@ -1,10 +1,8 @@
 #include "environment.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <utility>
 
 #include <fcntl.h>
@@ -81,21 +79,6 @@ bool canFailWith64Bits(const std::string &kind)
     return kind.empty() || kind == writes;
 }
 
-bool hasDriver(const std::string &devices, const std::string &diskKind)
-{
-    std::istringstream lines(devices);
-    bool ofBlocks = false;
-    for (std::string line; std::getline(lines, line);) {
-        std::string name = line.substr(line.rfind(' ') + 1);
-        ofBlocks = ofBlocks || line == "Block devices:";
-        // ATA disks are the SCSI layer's, or a driver's with a name for each controller.
-        if (ofBlocks &&
-            (diskKind == "virtio" ? name == "virtblk" : name == "sd" || name.rfind("ide", 0) == 0))
-            return true;
-    }
-    return false;
-}
-
 Environment::Environment(const Setting &setting, const scenario::Layout &layout) : setting_(setting)
 {
     DiskImage image = makeDiskImage(layout, setting.fileSystem);
@@ -123,35 +106,15 @@ Environment::~Environment()
     guest_.reset(); // before the disk that it uses
 }
 
-// The disk's name and the numbers of its devices differ with its kind and the kernel.
 void Environment::findDevices(Worker &worker)
 {
-    constexpr unsigned attempts = 100;
-    if (!hasDriver(worker.read("/proc/devices"), setting_.diskKind))
-        throw NoDriver("the kernel has no driver for disks of kind " + setting_.diskKind);
-    for (unsigned attempt = 0; attempt < attempts; attempt++) {
-        for (std::string disk : {"hda", "sda", "vda"}) {
-            unsigned found = 0;
-            for (auto &device : devices_) {
-                unsigned partition = device->volume().partition;
-                std::string folder = "/sys/block/" + disk + "/";
-                if (partition != 0)
-                    folder += numbered(disk.c_str(), partition) + "/";
-                unsigned major = 0;
-                unsigned minor = 0;
-                if (std::sscanf(worker.read(folder + "dev").c_str(), "%u:%u", &major, &minor) != 2)
-                    break;
-                device->number = major << 20 | minor;
-                found++;
-            }
-            if (found == devices_.size()) {
-                diskFolder_ = "/sys/block/" + disk;
-                return;
-            }
-        }
-        pause(100000);
-    }
-    throw std::runtime_error("the guest has not found its disk");
+    std::vector<unsigned> partitions;
+    for (auto &device : devices_)
+        partitions.push_back(device->volume().partition);
+    GuestDisk disk = findDisk(worker, setting_.diskKind, partitions);
+    for (unsigned i = 0; i < devices_.size(); i++)
+        devices_[i]->number = disk.numbers[i];
+    diskFolder_ = disk.folder;
 }
 
 void Environment::mountAll(Worker &worker)

@@ -14,6 +14,7 @@
 #include "diskImage.h"
 #include "failures.h"
 #include "guest.h"
+#include "guestDisk.h"
 #include "scenario/scenario.h"
 #include "worker.h"
 
@@ -34,17 +35,6 @@ struct Setting {
     unsigned mebibytes = 1024; // of the guest's memory
     bool has64Bits = false;    // as GuestOptions has it
 };
-
-// The guest's kernel has no driver for disks of that kind, so that nothing can be tried with one.
-class NoDriver : public std::runtime_error
-{
-public:
-    using std::runtime_error::runtime_error;
-};
-
-// Whether a kernel that lists these devices (as in its /proc/devices) has a driver for disks of a
-// kind.
-bool hasDriver(const std::string &devices, const std::string &diskKind);
 
 // Whether failNth can make this kind fail with a module of 64 bits: not its calls, as what leads
 // them elsewhere knows the code of 32 bits only.

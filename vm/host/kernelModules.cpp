@@ -16,6 +16,10 @@ namespace
 
 constexpr const char *guestFolder = "modules/";
 
+// ext4 looks for the checksum by itself.
+constexpr const char *neededModules[] = {"virtio_pci", "virtio_blk",     "ata_piix",
+                                         "sd_mod",     "crc32c_generic", "ext4"};
+
 // Files have either sign in their names, modules always this one.
 std::string moduleName(std::string name)
 {
@@ -76,11 +80,10 @@ private:
 
 } // namespace
 
-std::vector<GuestFile> kernelModules(const std::string &folder,
-                                     const std::vector<std::string> &names)
+std::vector<GuestFile> kernelModules(const std::string &folder)
 {
     Collection collection(folder);
-    for (const std::string &name : names)
+    for (const char *name : neededModules)
         collection.add(name);
     return collection.finish();
 }

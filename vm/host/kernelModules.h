@@ -9,10 +9,10 @@
 namespace vm
 {
 
-// The files of these modules and of all that they depend on, and a list of them in the order in
-// which they must be loaded, which the guest follows. `folder` is where a kernel's modules are,
-// as in /lib/modules/RELEASE/kernel. Throws std::runtime_error where one is missing.
-std::vector<GuestFile> kernelModules(const std::string &folder,
-                                     const std::vector<std::string> &names);
+// The files of the modules for the guest's disks and their file systems and of all that those
+// depend on, and a list of them in the order in which they must be loaded, which the guest follows.
+// `folder` is where a kernel's modules are, as in /lib/modules/RELEASE/kernel. Throws
+// std::runtime_error where one is missing.
+std::vector<GuestFile> kernelModules(const std::string &folder);
 
 } // namespace vm

@@ -48,11 +48,6 @@ struct Options {
     unsigned cycles = 5;            // of the module's load and unload in one boot
 };
 
-// What a scenario needs of the kernel, if it is not built in. ext4 looks for the checksum by
-// itself.
-const std::vector<std::string> neededModules = {"virtio_pci", "virtio_blk",     "ata_piix",
-                                                "sd_mod",     "crc32c_generic", "ext4"};
-
 struct Totals {
     unsigned passed = 0;
     unsigned failed = 0;
@@ -239,7 +234,7 @@ public:
         setting_.has64Bits = vm::ObjectFile(setting_.module).has64Bits();
         files_ = {{"init", contentsOf(options.guest)}};
         if (!options.kernelModules.empty())
-            for (vm::GuestFile &file : vm::kernelModules(options.kernelModules, neededModules))
+            for (vm::GuestFile &file : vm::kernelModules(options.kernelModules))
                 files_.push_back(std::move(file));
         writeInitramfs(setting_.initramfs,
                        {{"zelsend", contentsOf(options.zelsend)}, {"zelmod.ko", setting_.module}});
