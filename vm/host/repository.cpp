@@ -44,7 +44,7 @@ enum Content : unsigned { data, zero, unreadable, doubtful };
 } // namespace
 
 Sink::Sink(const std::string &command, const std::string &log)
-    : pipe_(::popen(("exec " + command + " >>" + log + " 2>&1").c_str(), "we"))
+    : pipe_(::popen(("exec " + command + (log.empty() ? "" : " >>" + log + " 2>&1")).c_str(), "we"))
 {
     if (!pipe_)
         throwErrno(command);
@@ -74,6 +74,11 @@ int Repository::run(const std::string &arguments)
 Sink Repository::receive(const std::string &name)
 {
     return Sink(zel_ + " -q receive " + folder + " --name " + name, logFile);
+}
+
+Sink Repository::receiveInSight(const std::string &name)
+{
+    return Sink(zel_ + " receive " + folder + " --name " + name);
 }
 
 std::string Repository::last(const std::string &device)

@@ -12,11 +12,12 @@
 namespace vm
 {
 
-// A program that reads from this one. What it says is appended to a file.
+// A program that reads from this one. What it says is appended to a file, or, without one, said
+// where this program says things.
 class Sink
 {
 public:
-    Sink(const std::string &command, const std::string &log);
+    explicit Sink(const std::string &command, const std::string &log = {});
     // False if it takes no more.
     bool write(std::string_view bytes);
     // Ends what it reads, waits for it and gives its exit code.
@@ -38,6 +39,8 @@ public:
 
     // A receiver of one stream, which becomes the point of this name.
     Sink receive(const std::string &name);
+    // The same, which shows how far it is.
+    Sink receiveInSight(const std::string &name);
     // The stream id of the newest complete point of a device, or nothing.
     std::string last(const std::string &device);
     bool has(const std::string &name) const;
