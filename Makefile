@@ -7,7 +7,7 @@ ARCHITECTURE ?= i386
 ARGUMENTS ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help setup build check demo machine module vm soak vm-bench package simulate bench fuzz format lint hook clean
+.PHONY: help setup build check demo vm-demo machine module vm soak vm-bench package simulate bench fuzz format lint hook clean
 
 help: ## list the targets
 	@echo "make TARGET, where TARGET is one of (module, vm, soak: ARCHITECTURE=amd64 for 64 bits):"
@@ -25,6 +25,10 @@ check: ## build and test everything; KDIR=<tree> KERNEL=<bzImage>: in that kerne
 
 demo: build ## back up a live file system, restore every point and compare
 	@tools/demo.sh $(ARGUMENTS)
+
+vm-demo: build ## the same in Debian 12's kernel, or KERNEL=<bzImage> MODULE=<zelmod.ko>
+	@tools/setup.sh qemu-system-x86
+	@tools/vm-demo.sh "$(KERNEL)" "$(MODULE)" $(ARGUMENTS)
 
 machine: build ## start the demonstration machine and leave it running
 	@tools/machine.sh $(ARGUMENTS)
@@ -73,4 +77,5 @@ hook: ## run the lint script before each commit in this clone
 
 clean: ## remove what was built (keeps downloads and the machine's disk)
 	@rm -rf build/i386 build/tsan build/asan build/native build/release build/fuzz \
-		build/kernel-objects build/module build/module-amd64 build/vm build/vm-bench build/package build/packages
+		build/kernel-objects build/module build/module-amd64 build/vm build/vm-bench build/vm-demo \
+		build/package build/packages

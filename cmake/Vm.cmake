@@ -27,9 +27,17 @@ zelProgram(vm_bench ${benchSources})
 target_link_libraries(vm_bench PRIVATE vm_host)
 add_custom_target(vm-bench DEPENDS vm_guest_program vm_bench_guest_program vm_bench)
 
-# A few of them belong to the checks: in Debian's kernel, and in another one where the environment
-# says which to take. They take some minutes, and their limit is for a busy machine; begun first, they
-# run beside the other tests.
+# The demonstration in that kernel: a program that changes files in the guest, and what drives it.
+zelGlob(demoGuestSources vm/guest/demo/*.cpp)
+zelStaticProgram(vm_demo_writer SOURCES ${demoGuestSources})
+zelGlob(demoSources vm/demo/*.cpp)
+zelProgram(vm_demo ${demoSources})
+target_link_libraries(vm_demo PRIVATE vm_host)
+add_custom_target(vm-demo DEPENDS vm_guest_program vm_demo_writer_program zelsend_program vm_demo)
+
+# A few of the scenarios belong to the checks: in Debian's kernel, and in another one where the
+# environment says which to take. They take some minutes, and their limit is for a busy machine; begun
+# first, they run beside the other tests.
 foreach(step debian module package scenarios)
   add_test(NAME real_kernel.${step}
     COMMAND ${PROJECT_SOURCE_DIR}/tools/check-real-kernel.sh ${step})

@@ -1,10 +1,12 @@
 #!/bin/bash
 # Boots a real kernel in an emulator and runs the scenarios on the module in it, and the contract's
-# checks if zelcontract.ko is beside the module; or measures what the module costs there.
+# checks if zelcontract.ko is beside the module; or measures what the module costs there; or backs up a
+# file system that programs change there (tools/vm-demo.sh).
 #
 #   tools/vm.sh [--architecture i386|amd64] [<kernel> [<module>]] [--disk ide|virtio]...
 #               [--timeout seconds] [--cycles count] [name...]
 #   tools/vm.sh --bench <kernel> <module> [--rounds N] [--scheduler NAME] [--processors 1|2]
+#   tools/vm.sh --demo <kernel> <module> --image FILE --points N [--disk ide|virtio]
 #
 # Kernel and module may be empty. Without a kernel it is Debian 12's current one for the architecture
 # (i386 if none is named), which is fetched, and the file systems are ext4; without a module, too, that is
@@ -12,7 +14,8 @@
 #
 # A scenario is named by any part of its name, a check by "Contract." and the beginning of its name;
 # without any, all are run, with each kind of disk. What the kernels printed is in
-# build/vm/console.log afterwards, or in build/vm-bench/console.log; VM_FOLDER names another folder.
+# build/vm/console.log afterwards, or in build/vm-bench/console.log, or in build/vm-demo/kernel.log;
+# VM_FOLDER names another folder.
 set -euo pipefail
 
 fail()
@@ -22,10 +25,12 @@ fail()
 }
 
 target=vm
-if [ "${1:-}" = --bench ]; then
-    target=vm-bench
+case "${1:-}" in
+--bench | --demo)
+    target=vm-${1#--}
     shift
-fi
+    ;;
+esac
 architecture=i386
 if [ "${1:-}" = --architecture ]; then
     architecture=${2:-}
@@ -35,7 +40,7 @@ kernel=${1:-}
 module=${2:-}
 shift $(($# < 2 ? $# : 2))
 needKernel="runs a real 32-bit Linux under an emulator; it needs that kernel's image"
-[ -n "$kernel" ] || [ "$target" = vm ] || fail "$needKernel: make vm-bench KERNEL=<bzImage> MODULE=<zelmod.ko>"
+[ -n "$kernel" ] || [ "$target" != vm-bench ] || fail "$needKernel: make vm-bench KERNEL=<bzImage> MODULE=<zelmod.ko>"
 [ -n "$module" ] || [ -z "$kernel" ] ||
     fail "needs the module, as 'make module' builds it for this kernel: make $target KERNEL=$kernel MODULE=<zelmod.ko>"
 for file in "$kernel" "$module"; do
@@ -66,6 +71,12 @@ if [ "$target" = vm-bench ]; then
         --bench-guest build/i386/vm_bench_guest --folder "${VM_FOLDER:-build/vm-bench}" "$@"
 fi
 tools/build.sh native zel
+if [ "$target" = vm-demo ]; then
+    exec build/i386/vm_demo --kernel "$kernel" "${of[@]}" --module "$module" \
+        --guest build/i386/vm_guest --writer build/i386/vm_demo_writer \
+        --zelsend build/i386/zelsend --zel build/native/zel \
+        --folder "${VM_FOLDER:-build/vm-demo}" "$@"
+fi
 exec build/i386/vm_scenarios --kernel "$kernel" "${of[@]}" --module "$module" \
     --guest build/i386/vm_guest --zelsend build/i386/zelsend --zel build/native/zel \
     --folder "${VM_FOLDER:-build/vm}" "$@"
