@@ -1,4 +1,5 @@
 // Block maps: the bitmaps that stand for a device's blocks.
+#include <algorithm>
 #include <cstring>
 
 #include <host/faults.h>
@@ -249,6 +250,57 @@ TEST_F(BlockMaps, BitsLieWhereUserSpaceExpectsThem)
         EXPECT_EQ(map.byte(1), 0x00);
         EXPECT_EQ(map.byte(4), 0x80);
     });
+}
+
+TEST_F(BlockMaps, ARangeIsSetOverAllItsPagesAndUpToTheMapsEnd)
+{
+    withModule([](ModuleRun &) {
+        constexpr unsigned size = 2 * 32768 + 10;
+        for (BlockRange range : {BlockRange{0, 0}, BlockRange{5, 4}, BlockRange{32760, 32767},
+                                 BlockRange{32768, 32768}, BlockRange{32767, 65536},
+                                 BlockRange{65540, size - 1}, BlockRange{65540, size},
+                                 BlockRange{size, size + 3}, BlockRange{size + 2, 0xffffffff}}) {
+            Map map;
+            ASSERT_EQ(map.create(size, nullptr, 1), 0);
+            u64 end = u64{range.endBN} + 1;
+            u64 beyond = range.startBN < size ? std::min<u64>(end, size) : range.startBN;
+            EXPECT_EQ(setBlocks(map, range), beyond) << range.startBN;
+            for (unsigned bn = 0; bn < size; bn++)
+                ASSERT_EQ(blockInMap(map, bn), bn >= range.startBN && bn < end ? -1 : 0) << bn;
+            EXPECT_EQ(atomic_read(&map->users), 1);
+        }
+    });
+}
+
+TEST_F(BlockMaps, AWordTellsWhichOfItsBlocksAreInTheMap)
+{
+    withModule([](ModuleRun &) {
+        Map map;
+        ASSERT_EQ(map.create(32768 + 40, nullptr, 0), 0);
+        EXPECT_EQ(unSetBlock(map, 33), 0);
+        EXPECT_EQ(unSetBlock(map, 32768 + 32), 0);
+        EXPECT_EQ(blocksInMap(map, 0), 0xffffffffu);
+        EXPECT_EQ(blocksInMap(map, 1), 0xfffffffdu);
+        EXPECT_EQ(blocksInMap(map, 1024), 0xffffffffu);
+        EXPECT_EQ(blocksInMap(map, 1025), 0xfeu);
+        EXPECT_EQ(blocksInMap(map, 1026), 0u);
+        EXPECT_EQ(blocksInMap(map, 0x07ffffff), 0u);
+        EXPECT_EQ(atomic_read(&map->users), 1);
+    });
+}
+
+TEST_F(BlockMaps, AWordHasItsPartOfARange)
+{
+    for (unsigned start = 0; start < 100; start++)
+        for (unsigned end = start == 0 ? 0 : start - 1; end < 100; end++)
+            for (unsigned word = start / 32; word <= end / 32; word++)
+                for (unsigned bit = 0; bit < 32; bit++) {
+                    unsigned bn = word * 32 + bit;
+                    ASSERT_EQ(blocksInRange({start, end}, word) >> bit & 1,
+                              bn >= start && bn <= end ? 1u : 0u)
+                        << start << " " << end << " " << bn;
+                }
+    EXPECT_EQ(blocksInRange({0, 0xffffffff}, 0x07ffffff), 0xffffffffu);
 }
 
 TEST_F(BlockMaps, AClosedMapIsEmpty)

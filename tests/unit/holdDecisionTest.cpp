@@ -78,6 +78,41 @@ TEST_F(HoldDecision, ASpoiltBackupHoldsNothing)
     }
 }
 
+// A block is to be saved if the backup wants it and it is not taken care of; before the backup has
+// said what it wants, it wants every block.
+TEST_F(HoldDecision, ARangeIsHeldForAnyOfItsBlocks)
+{
+    withModule([](ModuleRun &run) {
+        BackupRun backup(run, {.mebibytes = 1});
+        ASSERT_TRUE(backup.begin());
+        Backup *b = backup.b();
+        const unsigned size = b->cacheMap.size;
+        ASSERT_GT(size, 150u);
+        ASSERT_EQ(backup.load({3, 40, 41, 64, 127, size - 1}), 0);
+        for (unsigned taken : {3u, 41u, 50u, 64u, 65u})
+            setBlock(&b->cacheMap, taken);
+        for (unsigned state : {BACKUP_SNAPPED, BACKUP_MAP_LOADED}) {
+            setBackupState(b, state);
+            auto toSave = [&](unsigned bn) {
+                bool wanted = state == BACKUP_SNAPPED || blockInMap(&b->blockMap, bn) != 0;
+                return wanted && blockInMap(&b->cacheMap, bn) == 0;
+            };
+            for (unsigned from : {0u, 30u, 60u, 120u, size - 40})
+                for (unsigned start = from; start < from + 12; start++) {
+                    bool any = false;
+                    EXPECT_FALSE(doWeCacheAnyBlock(b, {start + 1, start})) << start;
+                    for (unsigned end = start; end < from + 75; end++) {
+                        EXPECT_EQ(doWeCacheBlock(b, end), toSave(end) ? 1 : 0) << end;
+                        any = any || toSave(end);
+                        ASSERT_EQ(doWeCacheAnyBlock(b, {start, end}), any) << start << " " << end;
+                    }
+                }
+        }
+        for (unsigned taken : {3u, 41u, 50u, 64u, 65u})
+            unSetBlock(&b->cacheMap, taken);
+    });
+}
+
 TEST_F(HoldDecision, AWriteAheadThatIsPassedOnIsNotRecorded)
 {
     withModule([](ModuleRun &run) {

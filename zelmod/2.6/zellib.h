@@ -101,6 +101,20 @@ unsigned int numPagesInBlockMap(unsigned int size);
 int setBlock(BlockMap *bm, unsigned int blockNum);
 int unSetBlock(BlockMap *bm, unsigned int blockNum);
 int blockInMap(BlockMap *bm, unsigned int blockNum);
+u64 setBlocks(BlockMap *bm, BlockRange range);
+/* Ranges are looked at by words of 32 blocks: bit i is block `word` * 32 + i. */
+inline constexpr unsigned int blocksPerWord = 32;
+u32 blocksInMap(BlockMap *bm, unsigned int word);
+/* Which of a word's blocks are in the range. */
+inline u32 blocksInRange(BlockRange range, unsigned int word)
+{
+    u32 bits = 0xffffffff;
+    if (word == range.startBN / blocksPerWord)
+        bits &= bits << range.startBN % blocksPerWord;
+    if (word == range.endBN / blocksPerWord)
+        bits &= 0xffffffff >> (blocksPerWord - 1 - range.endBN % blocksPerWord);
+    return bits;
+}
 void waitForBlockMapUsers(BlockMap *bm, unsigned long *flags);
 /* Frees a backup's map, if it has pages, and takes them off curAllocPages. */
 void releaseBackupMap(Backup *b, BlockMap *bm);
@@ -163,6 +177,8 @@ void closeBlockTable(Backup *b);
 /* Makes cpCache and dataCache, named after `dev`: 0 or 5. */
 int newDataCaches(Backup *b, kernel_dev_t dev);
 int doWeCacheBlock(Backup *b, unsigned int bn);
+/* Whether doWeCacheBlock says so of any block of the range. */
+bool doWeCacheAnyBlock(Backup *b, BlockRange range);
 int saveBlock(Backup *b, const char *data, unsigned int bn);
 void markWritten(Backup *b, unsigned int bn);
 unsigned int cacheRead(Backup *b, char *dest, unsigned int bn);

@@ -97,22 +97,19 @@ static int holdBIO(Backup *b, struct request_queue *q, struct bio *bio, unsigned
     if (state < BACKUP_SNAPPED || state > BACKUP_MAP_LOADED)
         return 0;
     BlockRange range = BIOToBlockNumbers(bio, &b->diskInfo);
-    for (u64 bn = range.startBN; bn <= range.endBN; bn++) {
-        if (doWeCacheBlock(b, static_cast<unsigned int>(bn)) == 0)
-            continue;
-        MakeRequest *mr = newMR(q, bio, range);
-        if (mr == NULL) {
-            setBackupState(b, BACKUP_ERR_QUEUE);
-            errorAMS(b);
-            return -1;
-        }
-        /* Once it is queued it may be completed and freed at any moment. */
-        if (rw == WRITE)
-            updateAM(bio, minor);
-        addMRToQueue(b, mr);
-        return 1;
+    if (!doWeCacheAnyBlock(b, range))
+        return 0;
+    MakeRequest *mr = newMR(q, bio, range);
+    if (mr == NULL) {
+        setBackupState(b, BACKUP_ERR_QUEUE);
+        errorAMS(b);
+        return -1;
     }
-    return 0;
+    /* Once it is queued it may be completed and freed at any moment. */
+    if (rw == WRITE)
+        updateAM(bio, minor);
+    addMRToQueue(b, mr);
+    return 1;
 }
 
 /*

@@ -103,14 +103,11 @@ void updateAM(struct bio *bio, int bioMinor)
         return;
     BlockRange range = BIOToBlockNumbers(bio, &ams->diskInfo);
     if (amsState(ams) == AMS_IN_SYNC) {
-        for (u64 bn = range.startBN; bn <= range.endBN; bn++) {
-            int beyond = setBlock(&ams->map, static_cast<u32>(bn));
-            if (beyond != 0) {
-                setAMSState(ams, AMS_NOT_IN_SYNC);
-                printk("<4>%s: device resize detected (block %d in size %d) in automap update, "
-                       "automap not in sync%s",
-                       __func__, beyond, ams->map.size, "\n");
-            }
+        for (u64 beyond = setBlocks(&ams->map, range); beyond <= range.endBN; beyond++) {
+            setAMSState(ams, AMS_NOT_IN_SYNC);
+            printk("<4>%s: device resize detected (block %d in size %d) in automap update, "
+                   "automap not in sync%s",
+                   __func__, static_cast<int>(beyond), ams->map.size, "\n");
         }
     }
     leaveUsers(&ams->users);

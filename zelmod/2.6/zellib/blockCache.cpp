@@ -107,12 +107,30 @@ int newDataCaches(Backup *b, kernel_dev_t dev)
     return ZEL_RESULT_NO_MEMORY;
 }
 
+/* Those of a word's blocks whose old contents still have to be saved before a write to them. */
+static u32 blocksToCache(Backup *b, unsigned int word)
+{
+    u32 wanted = 0xffffffff;
+    if (backupState(b) == BACKUP_MAP_LOADED)
+        wanted = blocksInMap(&b->blockMap, word);
+    return wanted != 0 ? wanted & ~blocksInMap(&b->cacheMap, word) : 0;
+}
+
 /* 1 if the block's old contents still have to be saved before a write to it. */
 int doWeCacheBlock(Backup *b, unsigned int bn)
 {
-    if (backupState(b) == BACKUP_MAP_LOADED && blockInMap(&b->blockMap, bn) == 0)
-        return 0; /* the backup does not want it */
-    return blockInMap(&b->cacheMap, bn) == 0 ? 1 : 0;
+    return blocksToCache(b, bn / blocksPerWord) >> bn % blocksPerWord & 1;
+}
+
+bool doWeCacheAnyBlock(Backup *b, BlockRange range)
+{
+    for (unsigned int word = range.startBN / blocksPerWord; word <= range.endBN / blocksPerWord;
+         word++) {
+        u32 inRange = blocksInRange(range, word);
+        if (inRange != 0 && (blocksToCache(b, word) & inRange) != 0)
+            return true;
+    }
+    return false;
 }
 
 /* A record with room for a block, or NULL; then the backup is spoiled. On the write path. */

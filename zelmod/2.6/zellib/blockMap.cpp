@@ -126,6 +126,27 @@ void releaseBackupMap(Backup *b, BlockMap *bm)
     atomic_sub(freed, &b->curAllocPages);
 }
 
+/* The bitmap of the page that a block of the map is in, for the length of a scope. The caller is
+ * inside the map's users. */
+class MappedPage
+{
+public:
+    MappedPage(BlockMap *bm, unsigned int blockNum)
+        : guard_(&bm->sem), page_(bm->map[blockNum >> pageShiftOfBlock]), bitmap_(kmap(page_))
+    {
+    }
+    ~MappedPage() { kunmap(page_); }
+    MappedPage(const MappedPage &) = delete;
+    MappedPage &operator=(const MappedPage &) = delete;
+
+    void *bitmap() { return bitmap_; }
+
+private:
+    SemaphoreGuard guard_;
+    struct page *page_;
+    void *bitmap_;
+};
+
 /* Gives `operation` the bit of `blockNum` (its page's bitmap and its index there); `outOfRange` is
  * the result if there is none. */
 template<class Operation>
@@ -134,12 +155,9 @@ static int withBit(BlockMap *bm, unsigned int blockNum, int outOfRange, Operatio
     Users user(&bm->users, &bm->usersLock);
     if (blockNum >= bm->size)
         return outOfRange;
-    SemaphoreGuard guard(&bm->sem);
-    struct page *page = bm->map[blockNum >> pageShiftOfBlock];
-    auto *bitmap = static_cast<unsigned long *>(kmap(page));
-    int result = operation(static_cast<int>(blockNum & blockIndexMask), bitmap);
-    kunmap(page);
-    return result;
+    MappedPage page(bm, blockNum);
+    return operation(static_cast<int>(blockNum & blockIndexMask),
+                     static_cast<unsigned long *>(page.bitmap()));
 }
 
 /* 0, or `blockNum` itself if it is beyond the map. */
@@ -166,6 +184,36 @@ int blockInMap(BlockMap *bm, unsigned int blockNum)
     return withBit(bm, blockNum, 0, [](int nr, unsigned long *bitmap) {
         return test_bit(nr, bitmap) != 0 ? -1 : 0;
     });
+}
+
+/* Sets a range's blocks one after the other, up to its end or the map's: the first one that it has
+ * not set. */
+u64 setBlocks(BlockMap *bm, BlockRange range)
+{
+    Users user(&bm->users, &bm->usersLock);
+    u64 bn = range.startBN;
+    while (bn <= range.endBN && bn < bm->size) {
+        MappedPage page(bm, static_cast<unsigned int>(bn));
+        do {
+            set_bit(static_cast<int>(bn & blockIndexMask),
+                    static_cast<unsigned long *>(page.bitmap()));
+            bn++;
+        } while (bn <= range.endBN && bn < bm->size && (bn & blockIndexMask) != 0);
+    }
+    return bn;
+}
+
+/* Which of a word's blocks are in the map; those beyond it are not. */
+u32 blocksInMap(BlockMap *bm, unsigned int word)
+{
+    Users user(&bm->users, &bm->usersLock);
+    unsigned int first = word * blocksPerWord;
+    if (first >= bm->size)
+        return 0;
+    MappedPage page(bm, first);
+    u32 bits = static_cast<u32 *>(page.bitmap())[(first & blockIndexMask) / blocksPerWord];
+    unsigned int count = bm->size - first;
+    return count < blocksPerWord ? bits & ((1u << count) - 1) : bits;
 }
 
 /* The map's one writer: returns holding usersLock, its flags in `*flags`. */
