@@ -208,6 +208,11 @@ void blk_put_queue(request_queue *queue)
     queue->references.store(1, std::memory_order_relaxed);
 }
 
+void submit_together(void (*submit)(void *data), void *data)
+{
+    submit(data);
+}
+
 void generic_make_request(bio *record)
 {
     switchPoint();

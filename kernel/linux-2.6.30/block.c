@@ -109,6 +109,12 @@ void zk_blk_put_queue(struct request_queue *queue)
     kobject_put(&queue->kobj);
 }
 
+/* A queue that was empty waits for more bios, until somebody waits for one of them. */
+void zk_submit_together(void (*submit)(void *data), void *data)
+{
+    submit(data);
+}
+
 void zk_generic_make_request(struct bio *bio)
 {
     generic_make_request(bio);

@@ -159,6 +159,15 @@ void zk_blk_put_queue(struct request_queue *queue)
     blk_put_queue(queue);
 }
 
+void zk_submit_together(void (*submit)(void *data), void *data)
+{
+    struct blk_plug plug;
+
+    blk_start_plug(&plug);
+    submit(data);
+    blk_finish_plug(&plug);
+}
+
 void zk_generic_make_request(struct bio *bio)
 {
     submit_bio_noacct(bio);

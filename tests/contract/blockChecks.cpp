@@ -165,6 +165,39 @@ const char *bioBeyondTheEndFails(const Environment *environment)
     return nullptr;
 }
 
+struct Together {
+    Transfer transfers[3];
+    int calls;
+    const char *failure;
+};
+
+void submitAllAndWaitForOne(void *data)
+{
+    auto *together = static_cast<Together *>(data);
+    together->calls++;
+    for (Transfer &transfer : together->transfers)
+        generic_make_request(transfer.bio);
+    together->failure = together->transfers[1].succeeded();
+}
+
+// Also one that is waited for before all are submitted.
+const char *biosSubmittedTogetherEnd(const Environment *environment)
+{
+    static Together together;
+    struct block_device *bdev = bdget(environment->mounted);
+    together.calls = 0;
+    for (unsigned int i = 0; i < 3; i++)
+        REQUIRE_HELD(together.transfers[i].begin(bdev, 8 + i * (PAGE_SIZE / 512), READ));
+    submit_together(submitAllAndWaitForOne, &together);
+    REQUIRE(together.calls == 1);
+    REQUIRE_HELD(together.failure);
+    REQUIRE_HELD(together.transfers[0].succeeded());
+    REQUIRE_HELD(together.transfers[2].succeeded());
+    for (Transfer &transfer : together.transfers)
+        transfer.finish();
+    return nullptr;
+}
+
 void endedForGood(struct bio *bio, int)
 {
     auto *done = static_cast<struct completion *>(bio_private(bio));
@@ -208,6 +241,7 @@ const struct ContractCheck checks[] = {
     {"bioKeepsItsFields", bioKeepsItsFields},
     {"whatIsWrittenIsRead", whatIsWrittenIsRead},
     {"bioBeyondTheEndFails", bioBeyondTheEndFails},
+    {"biosSubmittedTogetherEnd", biosSubmittedTogetherEnd},
     {"bioMayBeFreedAsItEnds", bioMayBeFreedAsItEnds},
     {"bioLivesUntilItsLastReference", bioLivesUntilItsLastReference},
 };

@@ -74,6 +74,10 @@ SEAM(void, blk_put_queue, (struct request_queue * queue));
  * make_request_fn. Called from inside one, it only queues the bio for the outer call.
  * Process context, may sleep. */
 SEAM(void, generic_make_request, (struct bio * bio));
+/* Calls submit(data). The bios that it gives to a queue's function may be kept from the disk until
+ * it has returned or its task sleeps, so that neighbours reach the disk as one request. A 2.6.30
+ * kernel does so with all bios by itself. Process context; sleeps where submit does. */
+SEAM(void, submit_together, (void (*submit)(void *data), void *data));
 
 /* Bios. */
 

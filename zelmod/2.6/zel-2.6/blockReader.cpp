@@ -150,18 +150,23 @@ static BIORequest *newBR()
     return br;
 }
 
-/*
- * Submits the reads of those blocks of a run that are not in the cache, each to its place in the
- * mapping, and returns their number. All are on their way before anything waits.
- */
-unsigned int readBlocks(Backup *b, unsigned int startBlockNum, unsigned int numBlocks,
-                        BackupVMA *bvma)
+/* A run of blocks to be read, and how many of them the disk was asked for. */
+struct ReadRun {
+    Backup *b;
+    unsigned int startBlockNum;
+    unsigned int numBlocks;
+    BackupVMA *bvma;
+    unsigned int submitted;
+};
+
+static void submitReads(void *data)
 {
+    auto *run = static_cast<ReadRun *>(data);
+    Backup *b = run->b;
     unsigned int blocksPerPage = b->diskInfo.blocksPerPage;
     unsigned int blockSize = static_cast<unsigned int>(b->diskInfo.blockSize);
-    unsigned int submitted = 0;
-    for (unsigned int i = 0; i < numBlocks; i++) {
-        unsigned int bn = startBlockNum + i;
+    for (unsigned int i = 0; i < run->numBlocks; i++) {
+        unsigned int bn = run->startBlockNum + i;
         if (blockInMap(&b->cacheMap, bn) != 0)
             continue;
         BIORequest *br = newBR();
@@ -170,13 +175,24 @@ unsigned int readBlocks(Backup *b, unsigned int startBlockNum, unsigned int numB
         br->bio = allocBIO();
         atomic_inc(&b->curAllocBRs);
         atomic_inc(&b->totalAllocBRs);
-        initBH(b, bh, bvma->mmPages[i / blocksPerPage], (i % blocksPerPage) * blockSize, bn);
+        initBH(b, bh, run->bvma->mmPages[i / blocksPerPage], (i % blocksPerPage) * blockSize, bn);
         initBIO(b, br->bio, bh);
         submitRead(b, br->bio, bh);
         atomic_inc(&b->totalReadBlocks);
-        submitted++;
+        run->submitted++;
     }
-    return submitted;
+}
+
+/*
+ * Submits the reads of those blocks of a run that are not in the cache, each to its place in the
+ * mapping, and returns their number. All are on their way before anything waits.
+ */
+unsigned int readBlocks(Backup *b, unsigned int startBlockNum, unsigned int numBlocks,
+                        BackupVMA *bvma)
+{
+    ReadRun run = {b, startBlockNum, numBlocks, bvma, 0};
+    submit_together(submitReads, &run);
+    return run.submitted;
 }
 
 /* 1 if block `i` of the current read was left to the disk. */
