@@ -83,9 +83,8 @@ Server::Partition Server::firstPartition(const Disk &disk)
 Server::Server(const ServerOptions &options)
     : disk_(bytesOf(options.image)), partition_(firstPartition(disk_)),
       frozen_(disk_, partition_.start, partition_.length), blockServer_(disk_, diskSocket),
-      guest_(std::make_unique<Guest>(guestOptions(options)))
+      guest_(bootGuest(guestOptions(options)))
 {
-    guest_->waitUntilReady();
     worker_ = std::make_unique<Worker>(*guest_);
     require(worker_->write("/proc/sys/kernel/panic_on_oops", "1"), "panic_on_oops");
     require(worker_->write("/proc/sys/kernel/hostname", "server"), "hostname");
