@@ -5,12 +5,13 @@
 #
 #   tools/vm.sh [--architecture i386|amd64] [<kernel> [<module>]] [--disk ide|virtio]...
 #               [--timeout seconds] [--cycles count] [name...]
-#   tools/vm.sh --bench <kernel> <module> [--rounds N] [--scheduler NAME] [--processors 1|2]
+#   tools/vm.sh --bench [<kernel> [<module>]] [--rounds N] [--scheduler NAME] [--processors 1|2]
 #   tools/vm.sh --demo <kernel> <module> --image FILE --points N [--disk ide|virtio]
 #
 # Kernel and module may be empty. Without a kernel it is Debian 12's current one for the architecture
 # (i386 if none is named), which is fetched, and the file systems are ext4; without a module, too, that is
-# built for it. A kernel that is given has its drivers built in, and the file systems are ext3.
+# built for it. A kernel that is given has its drivers built in, and the file systems are ext3; those that
+# are measured on always are.
 #
 # A scenario is named by any part of its name, a check by "Contract." and the beginning of its name;
 # without any, all are run, with each kind of disk. What the kernels printed is in
@@ -39,8 +40,6 @@ fi
 kernel=${1:-}
 module=${2:-}
 shift $(($# < 2 ? $# : 2))
-needKernel="runs a real 32-bit Linux under an emulator; it needs that kernel's image"
-[ -n "$kernel" ] || [ "$target" != vm-bench ] || fail "$needKernel: make vm-bench KERNEL=<bzImage> MODULE=<zelmod.ko>"
 [ -n "$module" ] || [ -z "$kernel" ] ||
     fail "needs the module, as 'make module' builds it for this kernel: make $target KERNEL=$kernel MODULE=<zelmod.ko>"
 for file in "$kernel" "$module"; do
@@ -53,30 +52,33 @@ command -v qemu-system-i386 >/dev/null ||
 [ -z "${VM_FOLDER:-}" ] || VM_FOLDER=$(realpath -m "$VM_FOLDER")
 
 cd "$(dirname "$(readlink -f "$0")")/.."
-if [ -n "$kernel" ]; then
-    of=()
-else
+kernelModules=()
+fileSystem=ext3
+if [ -z "$kernel" ]; then
     tools/fetch-kernel.sh "$architecture"
     suffix=
     [ "$architecture" = i386 ] || suffix=-$architecture
     cache=$PWD/build/cache/linux-6.1$suffix
     kernel=$cache/vmlinux
-    of=(--kernel-modules "$cache/root/lib/modules/$(cat "$cache/release")/kernel" --file-system ext4)
+    kernelModules=(--kernel-modules "$cache/root/lib/modules/$(cat "$cache/release")/kernel")
+    fileSystem=ext4
     [ -n "$module" ] || tools/module.sh "" "$architecture"
     module=${module:-$PWD/build/module$suffix/zelmod.ko}
 fi
 tools/build.sh i386 "$target"
 if [ "$target" = vm-bench ]; then
-    exec build/i386/vm_bench --kernel "$kernel" --module "$module" --guest build/i386/vm_guest \
-        --bench-guest build/i386/vm_bench_guest --folder "${VM_FOLDER:-build/vm-bench}" "$@"
+    exec build/i386/vm_bench --kernel "$kernel" "${kernelModules[@]}" --module "$module" \
+        --guest build/i386/vm_guest --bench-guest build/i386/vm_bench_guest \
+        --folder "${VM_FOLDER:-build/vm-bench}" "$@"
 fi
 tools/build.sh native zel
+drivers=("${kernelModules[@]}" --file-system $fileSystem)
 if [ "$target" = vm-demo ]; then
-    exec build/i386/vm_demo --kernel "$kernel" "${of[@]}" --module "$module" \
+    exec build/i386/vm_demo --kernel "$kernel" "${drivers[@]}" --module "$module" \
         --guest build/i386/vm_guest --writer build/i386/vm_demo_writer \
         --zelsend build/i386/zelsend --zel build/native/zel \
         --folder "${VM_FOLDER:-build/vm-demo}" "$@"
 fi
-exec build/i386/vm_scenarios --kernel "$kernel" "${of[@]}" --module "$module" \
+exec build/i386/vm_scenarios --kernel "$kernel" "${drivers[@]}" --module "$module" \
     --guest build/i386/vm_guest --zelsend build/i386/zelsend --zel build/native/zel \
     --folder "${VM_FOLDER:-build/vm}" "$@"

@@ -16,6 +16,7 @@
 #include "vm/host/guestProgram.h"
 #include "vm/host/initramfs.h"
 #include "vm/host/kernelLog.h"
+#include "vm/host/kernelModules.h"
 
 namespace vm
 {
@@ -34,6 +35,11 @@ constexpr const char *modulePath = "/zelmod.ko";
 constexpr const char *program = "/bench";
 constexpr unsigned controlMajor = 120;
 constexpr std::chrono::seconds timeout{7200};
+
+// What is needed of the kernel besides a disk's and a file system's drivers (ext4's is ext3's,
+// too).
+const std::vector<std::string> neededModules = {"brd rd_size=" + std::to_string(storeBytes / 1024),
+                                                "dm_snapshot"};
 
 std::string contentsOf(const std::string &path)
 {
@@ -76,9 +82,13 @@ Machine::Machine(const MachineOptions &options)
 {
     std::string module = contentsOf(options.module);
     moduleBytes_ = static_cast<std::uint32_t>(module.size());
-    writeInitramfs(initramfs, {{"init", contentsOf(options.guest)},
-                               {"bench", contentsOf(options.benchGuest)},
-                               {"zelmod.ko", module}});
+    std::vector<GuestFile> files = {{"init", contentsOf(options.guest)},
+                                    {"bench", contentsOf(options.benchGuest)},
+                                    {"zelmod.ko", module}};
+    if (!options.kernelModules.empty())
+        for (GuestFile &file : kernelModules(options.kernelModules, neededModules))
+            files.push_back(std::move(file));
+    writeInitramfs(initramfs, files);
     std::filesystem::remove(emulatorLog);
     disks_.push_back(partitionedDisk());
     disks_.push_back(wholeDisk(gibi));
@@ -122,7 +132,7 @@ std::string Machine::addNode(const std::string &disk, unsigned partition, kernel
     unsigned minor = 0;
     if (std::sscanf(worker_->read(folder + "/dev").c_str(), "%u:%u", &major, &minor) != 2)
         throw std::runtime_error("the guest has no " + name +
-                                 "; its kernel needs virtio disks and ramdisks built in");
+                                 "; its kernel needs drivers of virtio disks and ramdisks");
     require(worker_->makeNode("/dev/" + name, S_IFBLK, major, minor), "mknod");
     *number = major << 20 | minor;
     return "/dev/" + name;

@@ -17,6 +17,7 @@ namespace vm
 
 struct MachineOptions {
     std::string kernel;
+    std::string kernelModules; // the folder of what of it is not built in, if that matters
     std::string module;
     std::string guest; // the programs
     std::string benchGuest;

@@ -26,8 +26,8 @@ struct Options {
 [[noreturn]] void usage()
 {
     std::cerr << "usage: vm_bench --kernel FILE --module FILE --guest FILE --bench-guest FILE\n"
-                 "                --folder FOLDER [--rounds N] [--scheduler NAME]\n"
-                 "                [--processors 1|2]\n";
+                 "                --folder FOLDER [--kernel-modules FOLDER] [--rounds N]\n"
+                 "                [--scheduler NAME] [--processors 1|2]\n";
     std::exit(2);
 }
 
@@ -38,6 +38,7 @@ Options parse(int count, char **arguments)
                             {"guest", required_argument, nullptr, 'g'},
                             {"bench-guest", required_argument, nullptr, 'b'},
                             {"folder", required_argument, nullptr, 'f'},
+                            {"kernel-modules", required_argument, nullptr, 'K'},
                             {"rounds", required_argument, nullptr, 'r'},
                             {"scheduler", required_argument, nullptr, 's'},
                             {"processors", required_argument, nullptr, 'p'},
@@ -55,6 +56,8 @@ Options parse(int count, char **arguments)
             options.rounds = static_cast<unsigned>(std::atoi(optarg));
         else if (found == 's')
             options.machine.scheduler = optarg;
+        else if (found == 'K')
+            options.machine.kernelModules = std::filesystem::absolute(optarg);
         else if (found == 'p')
             options.machine.processors = static_cast<unsigned>(std::atoi(optarg));
         else if (paths.count(found) != 0)

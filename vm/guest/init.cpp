@@ -28,17 +28,20 @@ void fail(const char *what)
 namespace
 {
 
-// What of the kernel is not built in; there is no list where all is.
+// What of the kernel is not built in, each with its parameters behind a space; there is no list
+// where all is.
 void loadModules()
 {
     FILE *list = fopen("/modules/list", "r");
     if (list == nullptr)
         return;
-    char path[128];
-    while (fgets(path, sizeof(path), list) != nullptr) {
-        path[strcspn(path, "\n")] = 0;
+    char line[128];
+    while (fgets(line, sizeof(line), list) != nullptr) {
+        char *parameters = line;
+        const char *path = strsep(&parameters, " ");
+        parameters[strcspn(parameters, "\n")] = 0;
         int file = open(path, O_RDONLY);
-        if (file < 0 || syscall(SYS_finit_module, file, "", 0) != 0)
+        if (file < 0 || syscall(SYS_finit_module, file, parameters, 0) != 0)
             fail(path);
         close(file);
     }

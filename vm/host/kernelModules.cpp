@@ -39,7 +39,7 @@ public:
     }
 
     // With what it depends on before it.
-    void add(const std::string &name)
+    void add(const std::string &name, const std::string &parameters = "")
     {
         if (!added_.insert(name).second)
             return;
@@ -52,7 +52,7 @@ public:
         for (std::string other; std::getline(needed, other, ',');)
             add(moduleName(other));
         std::string path = guestFolder + name + ".ko";
-        list_ += "/" + path + "\n";
+        list_ += "/" + path + " " + parameters + "\n";
         files_.push_back({path, std::move(contents)});
     }
 
@@ -80,11 +80,17 @@ private:
 
 } // namespace
 
-std::vector<GuestFile> kernelModules(const std::string &folder)
+std::vector<GuestFile> kernelModules(const std::string &folder,
+                                     const std::vector<std::string> &more)
 {
     Collection collection(folder);
     for (const char *name : neededModules)
         collection.add(name);
+    for (const std::string &name : more) {
+        std::size_t space = name.find(' ');
+        collection.add(name.substr(0, space),
+                       space == std::string::npos ? "" : name.substr(space + 1));
+    }
     return collection.finish();
 }
 
