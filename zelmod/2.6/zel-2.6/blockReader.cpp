@@ -165,9 +165,12 @@ static void submitReads(void *data)
     Backup *b = run->b;
     unsigned int blocksPerPage = b->diskInfo.blocksPerPage;
     unsigned int blockSize = static_cast<unsigned int>(b->diskInfo.blockSize);
+    u32 cached = 0; /* of the blocks of bn's word; what is cached from now on is found later */
     for (unsigned int i = 0; i < run->numBlocks; i++) {
         unsigned int bn = run->startBlockNum + i;
-        if (blockInMap(&b->cacheMap, bn) != 0)
+        if (i == 0 || bn % blocksPerWord == 0)
+            cached = blocksInMap(&b->cacheMap, bn / blocksPerWord);
+        if ((cached >> bn % blocksPerWord & 1) != 0)
             continue;
         BIORequest *br = newBR();
         b->mmBIORequests[i] = br;
