@@ -42,21 +42,24 @@ int32_t callKernel(const uint32_t *a)
     return static_cast<int32_t>(result != -1 ? result : -errno);
 }
 
-// In the code segment of 64-bit programs, which a 64-bit kernel has for all.
+// In the code segment of 64-bit programs, which a 64-bit kernel has for all. By jumps, as an
+// emulator takes what a far call pushes for a write of the kernel's.
 int32_t callKernelWide(const uint32_t *a)
 {
     int32_t result = 0;
-    asm volatile("lcall $0x33, $1f\n\t"
-                 "jmp 2f\n"
+    asm volatile("ljmp $0x33, $1f\n"
                  ".code64\n"
                  "1:\n\t"
                  "movl %%edi, %%edi\n\t" // leaves nothing in the upper half
                  "movl %%esi, %%esi\n\t"
                  "movl %%edx, %%edx\n\t"
                  "syscall\n\t"
-                 "lretl\n"
+                 "ljmp *2f(%%rip)\n"
+                 "2:\n\t"
+                 ".long 3f\n\t"
+                 ".word 0x23\n"
                  ".code32\n"
-                 "2:"
+                 "3:"
                  : "=a"(result)
                  : "a"(a[0]), "D"(a[1]), "S"(a[2]), "d"(a[3])
                  : "ecx", "memory", "cc");
