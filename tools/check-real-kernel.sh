@@ -16,7 +16,8 @@ work=$PWD/build/real-kernel
 scenarios=(EnvironmentMissesLostWrites FullAndIncrementalChain UnloadWithSessionsOpen ZelsendChain
     Contract)
 # By disk; one is as good as the other for what a disk's driver does not see.
-ideScenarios=(Contract FullAndIncrementalChain WriteStormWithCloseInTheMiddle)
+ideScenarios=(Contract EnvironmentGoesOnWithoutTranslations FullAndIncrementalChain
+    WriteStormWithCloseInTheMiddle)
 virtioScenarios=(Contract BlockSizesOnPartitionsAtAnySector CacheOverflow ZelsendChain
     SoakOf2CyclesIn96MiB)
 

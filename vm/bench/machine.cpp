@@ -98,7 +98,7 @@ Machine::Machine(const MachineOptions &options)
     guest.kernel = options.kernel;
     guest.initramfs = initramfs;
     guest.diskKind = "virtio";
-    guest.debuggerSocket = "debugger.socket"; // nobody calls
+    guest.debuggerSocket = "debugger.socket";
     guest.console = console;
     guest.emulatorLog = emulatorLog;
     guest.timeout = timeout;

@@ -22,7 +22,7 @@ namespace
 
 constexpr const char *initramfs = "initramfs";
 constexpr const char *diskSocket = "disk.socket";
-constexpr const char *debuggerSocket = "debugger.socket"; // nobody calls
+constexpr const char *debuggerSocket = "debugger.socket";
 constexpr std::chrono::seconds timeout{1800};
 
 // In the guest.

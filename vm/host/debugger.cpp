@@ -57,8 +57,7 @@ Descriptor connectTo(const std::string &path)
 
 } // namespace
 
-Debugger::Debugger(const std::string &socket, Action onBreakpoint)
-    : onBreakpoint_(std::move(onBreakpoint)), socket_(connectTo(socket))
+Debugger::Debugger(const std::string &socket) : socket_(connectTo(socket))
 {
     // The guest stops when somebody connects, and the emulator may or may not say so.
     send(askForRegisters);
@@ -74,8 +73,15 @@ Debugger::~Debugger()
     thread_.join();
 }
 
+void Debugger::onBreakpoint(Action action)
+{
+    std::lock_guard lock(sending_);
+    onBreakpoint_ = std::move(action);
+}
+
 void Debugger::whileStopped(Action action)
 {
+    std::lock_guard one(asking_);
     {
         std::lock_guard lock(mutex_);
         wanted_ = std::move(action);
@@ -112,7 +118,7 @@ void Debugger::onStop()
 {
     std::lock_guard lock(sending_);
     StoppedGuest guest(*this);
-    if (breakpoints_.count(guest.get(StoppedGuest::eip)) != 0)
+    if (!breakpoints_.empty() && breakpoints_.count(guest.get(StoppedGuest::eip)) != 0)
         onBreakpoint_(guest);
     obey(guest);
     send("vCont;c");
@@ -186,6 +192,15 @@ void StoppedGuest::write(std::uint32_t address, const std::string &bytes)
     }
     debugger_.demand("M" + hexadecimal(address) + "," +
                      hexadecimal(static_cast<std::uint32_t>(bytes.size())) + ":" + text);
+}
+
+// The emulator drops them all when a processor has gone a single step.
+void StoppedGuest::dropTranslations()
+{
+    debugger_.demand("Hc1");
+    std::string reply = debugger_.ask("s");
+    if (reply.rfind("T", 0) != 0)
+        throw std::runtime_error("the emulator's debugger makes no step: " + reply);
 }
 
 void StoppedGuest::setBreakpoint(std::uint32_t address)

@@ -23,6 +23,8 @@ class StoppedGuest
 {
 public:
     void write(std::uint32_t address, const std::string &bytes);
+    // Makes the emulator translate the guest's code anew where it comes to it.
+    void dropTranslations();
     void setBreakpoint(std::uint32_t address);
     void removeBreakpoint(std::uint32_t address);
 
@@ -45,11 +47,13 @@ class Debugger
 {
 public:
     using Action = std::function<void(StoppedGuest &)>;
-    // `onBreakpoint` is called, from a thread of this object's, when a processor comes to a
-    // breakpoint. It either moves the processor on or removes the breakpoint.
-    Debugger(const std::string &socket, Action onBreakpoint);
+    explicit Debugger(const std::string &socket);
     ~Debugger();
     Debugger(const Debugger &) = delete;
+
+    // `action` is called, from a thread of this object's, when a processor comes to a breakpoint.
+    // It either moves the processor on or removes the breakpoint. Not while there is a breakpoint.
+    void onBreakpoint(Action action);
 
     // Stops the guest for an action, which that thread does; rethrows what it threw.
     void whileStopped(Action action);
@@ -66,10 +70,11 @@ private:
     std::string ask(const std::string &packet);
     void demand(const std::string &packet);
 
-    const Action onBreakpoint_;
     Descriptor socket_;
     std::set<std::uint32_t> breakpoints_; // the thread's own
     std::mutex sending_;                  // is held from the guest's stop until it goes on
+    Action onBreakpoint_;                 // guarded by it
+    std::mutex asking_;                   // one action at a time
     std::mutex mutex_;                    // guards what follows
     std::condition_variable changed_;
     Action wanted_;

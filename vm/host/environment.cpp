@@ -319,7 +319,7 @@ void Environment::failNth(const std::string &kind, unsigned n)
         return;
     }
     if (!failures_)
-        failures_ = std::make_unique<Failures>(setting_.module, debuggerSocket);
+        failures_ = std::make_unique<Failures>(setting_.module, guest_->debugger());
     failures_->failNth(kind, n, writer().worker);
 }
 

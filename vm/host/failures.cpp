@@ -147,9 +147,15 @@ std::string stubAt(std::uint32_t start, std::uint32_t counter, std::uint32_t fun
 
 } // namespace
 
-Failures::Failures(const std::string &module, const std::string &debugger)
-    : module_(module), debugger_(debugger, [this](StoppedGuest &guest) { onCall(guest); })
+Failures::Failures(const std::string &module, Debugger &debugger)
+    : module_(module), debugger_(debugger)
 {
+    debugger_.onBreakpoint([this](StoppedGuest &guest) { onCall(guest); });
+}
+
+Failures::~Failures()
+{
+    debugger_.onBreakpoint({});
 }
 
 void Failures::failInModule(const std::string &kind, unsigned n, Worker &worker)

@@ -21,8 +21,11 @@ namespace vm
 class Failures
 {
 public:
-    // `module` is the module as it is in a file; `debugger` the emulator's socket for it.
-    Failures(const std::string &module, const std::string &debugger);
+    // `module` is the module as it is in a file. At most one at a time has the debugger's
+    // breakpoints; clear() comes before its end.
+    Failures(const std::string &module, Debugger &debugger);
+    ~Failures();
+    Failures(const Failures &) = delete;
 
     // For the module as it is loaded now; it must still be when this is cleared. The first call of
     // the registration of its device may be asked for before it is loaded.
@@ -40,7 +43,7 @@ private:
     Bytes changed_;                                  // as it was before
     std::map<std::uint32_t, std::uint32_t> results_; // by the address of a breakpoint
     std::atomic<unsigned> failed_{0};
-    Debugger debugger_; // last: its thread uses the others
+    Debugger &debugger_;
 };
 
 } // namespace vm

@@ -17,8 +17,17 @@ namespace
 constexpr const char *bellSocket = "bell.socket";
 // A kernel may count instructions for a second at its end, which an emulator can take long for.
 constexpr unsigned endMilliseconds = 120000;
-// An emulated kernel now and then stands still for good in its own start, where nothing of ours
-// runs yet: that says nothing of the module, and another boot is had for the asking.
+/*
+ * A kernel that changes its own code (static keys in its start, ftrace as the module is loaded)
+ * puts a breakpoint there for a moment. The emulator can miss the last change if another processor
+ * comes to the place just then, and the breakpoint stays in its translation: the processors that
+ * come by are caught there for good. So if nothing is heard for so long, it is made to translate
+ * anew, which changes nothing for the guest.
+ */
+constexpr std::chrono::seconds silence{30};
+constexpr unsigned silenceMilliseconds = 1000 * silence.count();
+// Before its first process has run nothing of ours can keep a guest from it: another boot is had
+// for the asking.
 constexpr std::chrono::seconds bootTime{180};
 constexpr unsigned boots = 3;
 
@@ -122,7 +131,8 @@ std::vector<std::string> withDrives(std::vector<std::string> arguments, const Gu
 } // namespace
 
 Guest::Guest(const GuestOptions &options)
-    : deadline_(std::chrono::steady_clock::now() + options.timeout), memory_(makeMemory()),
+    : deadline_(std::chrono::steady_clock::now() + options.timeout),
+      debuggerSocket_(options.debuggerSocket), memory_(makeMemory()),
       listener_(listenAt(bellSocket)),
       emulator_(std::make_unique<Emulator>(
           withDrives(emulatorArguments(options, memory_.get()), options), options.emulatorLog)),
@@ -135,6 +145,7 @@ Guest::Guest(const GuestOptions &options)
 Guest::~Guest()
 {
     lose("it was ended");
+    debugger_.reset();
     emulator_.reset();
     ::shutdown(listener_.get(), SHUT_RDWR); // in case that it never came so far
     listening_.join();
@@ -176,10 +187,50 @@ void Guest::lose(const std::string &reason)
     changed_.notify_all();
 }
 
-template<class Done> void Guest::wait(std::unique_lock<std::mutex> &lock, const Done &done)
+Debugger &Guest::debugger()
+{
+    std::lock_guard lock(debugging_);
+    if (!debugger_)
+        debugger_ = std::make_unique<Debugger>(debuggerSocket_);
+    return *debugger_;
+}
+
+// Frees the processors that a translation of old code has caught.
+void Guest::goOn()
+{
+    try {
+        Debugger &own = debugger();
+        std::lock_guard lock(debugging_);
+        auto now = std::chrono::steady_clock::now();
+        if (now - wentOn_ < silence)
+            return;
+        own.whileStopped([](StoppedGuest &guest) { guest.dropTranslations(); });
+        wentOn_ = now;
+    } catch (const std::exception &) {
+        // The emulator is gone or hangs; who waits is told.
+    }
+}
+
+template<class Done>
+bool Guest::waitUntil(std::unique_lock<std::mutex> &lock, std::chrono::steady_clock::time_point end,
+                      const Done &done)
 {
     auto over = [&] { return done() || !lost_.empty(); };
-    if (!changed_.wait_until(lock, deadline_, over)) {
+    for (;;) {
+        auto now = std::chrono::steady_clock::now();
+        if (changed_.wait_until(lock, std::min(end, now + silence), over))
+            return true;
+        if (std::chrono::steady_clock::now() >= end)
+            return false;
+        lock.unlock();
+        goOn();
+        lock.lock();
+    }
+}
+
+template<class Done> void Guest::wait(std::unique_lock<std::mutex> &lock, const Done &done)
+{
+    if (!waitUntil(lock, deadline_, done)) {
         lost_ = "the guest does not answer";
         changed_.notify_all();
     }
@@ -190,7 +241,7 @@ template<class Done> void Guest::wait(std::unique_lock<std::mutex> &lock, const 
 bool Guest::waitUntilReady(std::chrono::seconds limit)
 {
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, limit, [this] { return ready_ || !lost_.empty(); });
+    waitUntil(lock, std::chrono::steady_clock::now() + limit, [this] { return ready_; });
     if (!ready_ && !lost_.empty())
         throw GuestLost(lost_);
     return ready_;
@@ -302,7 +353,12 @@ void Guest::showBlockedTasks()
 bool Guest::powerOff()
 {
     order(Order::restart);
-    return emulator_->waitEnd(endMilliseconds);
+    for (unsigned waited = 0; waited < endMilliseconds; waited += silenceMilliseconds) {
+        if (emulator_->waitEnd(silenceMilliseconds))
+            return true;
+        goOn();
+    }
+    return false;
 }
 
 std::unique_ptr<Guest> bootGuest(const GuestOptions &options)

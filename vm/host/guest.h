@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "../protocol.h"
+#include "debugger.h"
 #include "descriptor.h"
 #include "emulator.h"
 
@@ -80,6 +81,9 @@ public:
     void showBlockedTasks();
     // Seconds that processors of the host have worked for it so far.
     double processorTime() const { return emulator_->processorTime(); }
+    // For whoever sets breakpoints; lives as long as the guest. Throws std::runtime_error if the
+    // emulator is gone.
+    Debugger &debugger();
     // Ends the machine, its disks idle; false if it had to be killed.
     bool powerOff();
 
@@ -99,11 +103,21 @@ private:
     void post(std::uint32_t number, Request what, const std::array<std::uint32_t, 7> &arguments);
     // Waits until `done`, with `lock` on mutex_ held.
     template<class Done> void wait(std::unique_lock<std::mutex> &lock, const Done &done);
+    // The same, until a time at most: whether it is done or lost.
+    template<class Done>
+    bool waitUntil(std::unique_lock<std::mutex> &lock, std::chrono::steady_clock::time_point end,
+                   const Done &done);
+    void goOn();
 
     const std::chrono::steady_clock::time_point deadline_;
+    const std::string debuggerSocket_;
     Descriptor memory_;
     Descriptor listener_;
     std::unique_ptr<Emulator> emulator_;
+
+    std::mutex debugging_; // guards these two
+    std::unique_ptr<Debugger> debugger_;
+    std::chrono::steady_clock::time_point wentOn_;
 
     std::mutex mutex_; // guards what follows
     std::condition_variable changed_;

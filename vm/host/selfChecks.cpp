@@ -1,6 +1,7 @@
 #include "selfChecks.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -150,6 +151,29 @@ void noticesDeaths(Environment &env)
     }
     expect(lost, "a death to be noticed");
     env.write(0, 1, 1);
+    expect(env.lostWrites(0).empty(), "no write to be lost");
+}
+
+// The guest notices nothing of its code being translated anew.
+void goesOnWithoutTranslations(Environment &env)
+{
+    constexpr unsigned times = 5;
+    std::atomic<bool> stopped{false};
+    std::atomic<unsigned> writes{0};
+    auto writing = env.start([&] {
+        for (; !stopped; writes++) {
+            env.write(0, 1, 1);
+            env.sync(0);
+        }
+    });
+    for (unsigned i = 0; i < times; i++) {
+        unsigned before = writes;
+        env.guest().debugger().whileStopped([](StoppedGuest &guest) { guest.dropTranslations(); });
+        while (writes == before)
+            env.pause(1000);
+    }
+    stopped = true;
+    writing->join();
     expect(env.lostWrites(0).empty(), "no write to be lost");
 }
 
@@ -355,6 +379,7 @@ std::vector<GuestScenario> selfChecks()
         {"EnvironmentMissesLostWrites", {}, missesLostWrites},
         {"EnvironmentFailsReads", {}, failsReads},
         {"EnvironmentNoticesDeaths", {}, noticesDeaths},
+        {"EnvironmentGoesOnWithoutTranslations", {}, goesOnWithoutTranslations},
         {"EnvironmentRunsPrograms", {}, runsPrograms},
         {"EnvironmentNoticesHowProgramsEnd", {}, noticesHowProgramsEnd},
         {"EnvironmentCountsWhatIsInUse", {}, countsWhatIsInUse},
