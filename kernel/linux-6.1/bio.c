@@ -23,6 +23,7 @@ enum {
 /* A bio of the module's, with the function that it is to end with. */
 struct own_bio {
     seam_end_io *ended;
+    bool passed; /* to its disk */
     struct bio bio;
 };
 
@@ -40,7 +41,22 @@ void destroyBioSet(void)
 
 struct bio *zk_bio_alloc(gfp_t gfp, int vectors)
 {
-    return bio_alloc_bioset(NULL, vectors, 0, gfp, &ownBios);
+    struct bio *bio = bio_alloc_bioset(NULL, vectors, 0, gfp, &ownBios);
+
+    if (bio != NULL)
+        container_of(bio, struct own_bio, bio)->passed = false;
+    return bio;
+}
+
+void markPassed(struct bio *bio)
+{
+    if (bio->bi_pool == &ownBios)
+        container_of(bio, struct own_bio, bio)->passed = true;
+}
+
+bool notrace wasPassed(const struct bio *bio)
+{
+    return bio->bi_pool == &ownBios && container_of(bio, struct own_bio, bio)->passed;
 }
 
 void zk_bio_get(struct bio *bio)

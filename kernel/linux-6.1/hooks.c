@@ -40,6 +40,7 @@
 #include <linux/slab.h>
 #include <linux/workqueue.h>
 
+#include "bioSet.h"
 #include "devices.h"
 #include "symbols.h"
 
@@ -107,7 +108,11 @@ static void submit(const struct hooked_disk *disk, struct bio *bio)
  * A disk takes as much of a bio as it can at once and submits the rest of it anew. The rest is kept
  * off the way that all bios go, since the hook has seen it. As the kernel does, what the disk has
  * submitted to other disks goes before the rest, whose parts may need the memory of the former.
- * Only where a control group's limits hold the rest back does it come to the hook as another bio.
+ *
+ * A driver may put a bio aside, as the device mapper's does while it is suspended, and submit it
+ * anew from a task of its own; so may what limits a control group's rate, with a rest. The hook
+ * sees such a bio twice, which does no harm: its blocks are saved and marked. But it must not see
+ * the module's own read of an old block again, and hold it for the thread that waits for it.
  */
 int passToDisk(struct request_queue *queue, struct bio *bio)
 {
@@ -120,6 +125,7 @@ int passToDisk(struct request_queue *queue, struct bio *bio)
 
     /* Its sector is the disk's, also if its device is a partition. */
     bio_set_flag(bio, BIO_REMAPPED);
+    markPassed(bio);
     do {
         current->bio_list = NULL;
         while ((next = bio_list_pop(&others)) != NULL)
@@ -175,7 +181,10 @@ static void notrace redirectBio(unsigned long address, unsigned long caller, str
     struct bio *bio = (struct bio *)regs_get_kernel_argument(regs, 0);
     struct hooked_disk *disk;
 
-    if (within_module(caller, THIS_MODULE))
+    if (within_module(caller, THIS_MODULE) || wasPassed(bio))
+        return;
+    /* Its queue's function may be the module's for good, which nobody takes back any more. */
+    if (test_bit(GD_DEAD, &bio->bi_bdev->bd_disk->state))
         return;
     preempt_disable_notrace();
     disk = findDisk(bdev_get_queue(bio->bi_bdev));
