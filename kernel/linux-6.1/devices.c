@@ -16,9 +16,6 @@ struct known_device {
 static DEFINE_HASHTABLE(known, 5);
 static DEFINE_SPINLOCK(knownLock);
 
-/* The super block of the kernel's inodes for block devices. */
-extern struct super_block *blockdev_superblock;
-
 static struct known_device *recordOf(const struct block_device *bdev)
 {
     struct known_device *device;

@@ -12,7 +12,8 @@
  *
  * A disk gets a record when the module first asks for its queue, and keeps it until the module is
  * unloaded; the record has references on the queue and on the whole disk's inode, so that neither
- * address can become another's. Records are found without a lock: they are only ever added.
+ * address can become another's, and so that the kernel's look at the disk after its function has
+ * returned finds it still there. Records are found without a lock: they are only ever added.
  *
  * Unloading. No queue has a hook any more. Unregistering the redirections waits until no task is in
  * the tracer's code. A task that was sent to interceptBio is counted from before it got there, and
@@ -56,6 +57,7 @@ struct hooked_disk {
     atomic_t references;   /* the module's, on the queue */
     struct work_struct work;
     struct block_device *opened; /* for those references; under disksLock */
+    struct module *driver;       /* whose functions are redirected; NULL for none */
 };
 
 /* By queue; added to under disksLock. */
@@ -281,6 +283,9 @@ static void settleOpening(struct work_struct *work)
             disk->opened = bdev;
         else if (!IS_ERR(bdev))
             blkdev_put(bdev, FMODE_READ); /* another one that has its number by now */
+        else
+            printk(KERN_WARNING "%s: disk %s cannot be kept open (error %ld)\n", THIS_MODULE->name,
+                   disk->whole->bd_disk->disk_name, -PTR_ERR(bdev));
     } else if (!wanted && disk->opened != NULL) {
         blkdev_put(disk->opened, FMODE_READ);
         disk->opened = NULL;
@@ -288,21 +293,18 @@ static void settleOpening(struct work_struct *work)
     mutex_unlock(&disksLock);
 }
 
-/* Under disksLock. */
-static struct hooked_disk *addDisk(struct gendisk *gendisk)
+/* Redirects the driver's own functions, if it has any for this disk. The driver stays loaded as
+ * long as they are redirected: the tracer does not forget a function that goes. */
+static int redirectDriver(struct hooked_disk *disk,
+                          const struct block_device_operations *operations)
 {
-    const struct block_device_operations *operations = gendisk->fops;
-    struct hooked_disk *disk;
     int error = 0;
 
-    disk = kzalloc(sizeof(*disk), GFP_NOIO);
-    if (disk == NULL || !blk_get_queue(gendisk->queue)) {
-        kfree(disk);
-        return NULL;
-    }
-    disk->queue = gendisk->queue;
-    disk->whole = keepDevice(gendisk->part0);
-    disk->submit = submitToQueue;
+    if (operations->submit_bio == NULL && operations->rw_page == NULL)
+        return 0;
+    if (!try_module_get(operations->owner))
+        return -ENODEV;
+    disk->driver = operations->owner;
     if (operations->submit_bio != NULL) {
         disk->submit = operations->submit_bio;
         disk->counted = true;
@@ -312,17 +314,41 @@ static struct hooked_disk *addDisk(struct gendisk *gendisk)
         error = redirect(&pageRedirection, operations->rw_page, pagesRedirected);
         pagesRedirected = pagesRedirected || error == 0;
     }
-    if (error != 0) {
-        printk(KERN_ERR "%s: disk %s cannot be backed up: its driver's functions cannot be "
-                        "redirected (error %d)\n",
-               THIS_MODULE->name, gendisk->disk_name, -error);
-        blk_put_queue(disk->queue);
-        kfree(disk);
-        return NULL;
-    }
+    return error;
+}
+
+/* Under disksLock. NULL, and a word in the log, if it cannot be hooked. */
+static struct hooked_disk *addDisk(struct gendisk *gendisk)
+{
+    struct hooked_disk *disk;
+    int error = -ENOMEM;
+
+    disk = kzalloc(sizeof(*disk), GFP_NOIO);
+    if (disk == NULL)
+        goto refuse;
+    error = -ENODEV;
+    if (!blk_get_queue(gendisk->queue))
+        goto free;
+    disk->queue = gendisk->queue;
+    disk->whole = keepDevice(gendisk->part0);
+    disk->submit = submitToQueue;
     INIT_WORK(&disk->work, settleOpening);
+    error = redirectDriver(disk, gendisk->fops);
+    if (error != 0)
+        goto put;
     hash_add_rcu(disks, &disk->link, (unsigned long)disk->queue);
     return disk;
+
+put:
+    module_put(disk->driver);
+    blk_put_queue(disk->queue);
+free:
+    kfree(disk);
+refuse:
+    printk(KERN_ERR "%s: disk %s cannot be backed up: what takes its bios cannot be redirected "
+                    "(error %d)\n",
+           THIS_MODULE->name, gendisk->disk_name, -error);
+    return NULL;
 }
 
 struct request_queue *hookableQueue(struct gendisk *gendisk)
@@ -401,6 +427,7 @@ void stopHooks(void)
             blkdev_put(disk->opened, FMODE_READ);
         hash_del(&disk->link);
         blk_put_queue(disk->queue);
+        module_put(disk->driver);
         kfree(disk);
     }
 }
