@@ -117,6 +117,7 @@ checkTree()
     else
         requireOption CONFIG_X86_32 "32-bit x86"
     fi
+    refuseOption CONFIG_PREEMPT_RT "spin locks that sleep, on which the module was never tried"
     requireOption CONFIG_SMP "more than one processor"
     if [ $provider = linux-6.1 ]; then
         [ $architecture = amd64 ] || requireOption CONFIG_HIGHMEM64G "more memory than 4 GiB"
