@@ -1,6 +1,7 @@
 // Reading blocks from the disk, one bio each.
 #include <algorithm>
 #include <cstring>
+#include <set>
 #include <string>
 
 #include <host/faults.h>
@@ -350,6 +351,32 @@ TEST_F(BlockReader, BlocksInTheCacheAreLeftToIt)
         EXPECT_EQ(waitForSubmitted(backup.b(), 9, 4), 0);
         freeSubmitted(backup.b(), 4);
         EXPECT_EQ(atomic_read(&backup.b()->totalReadBlocks), 2);
+    });
+}
+
+// What is in the cache is looked up by words of 32 blocks, wherever a run begins and ends.
+TEST_F(BlockReader, JustTheCachedBlocksOfALongRunAreLeftToTheCache)
+{
+    withModule([](ModuleRun &run) {
+        constexpr unsigned length = 100;
+        const std::set<unsigned> cached = {21, 31, 32, 63, 96, 110};
+        BackupRun backup(run);
+        ASSERT_TRUE(backup.begin());
+        Backup *b = backup.b();
+        MappedBuffer buffer(backup.record, length);
+        for (unsigned bn : cached)
+            setBlock(&b->cacheMap, bn);
+        for (unsigned start : {20u, 31u, 32u, 33u}) {
+            readBlocks(b, start, length, buffer.slot());
+            for (unsigned i = 0; i < length; i++)
+                EXPECT_EQ(isRequestSubmitted(b, static_cast<int>(i)),
+                          cached.count(start + i) == 0 ? 1 : 0)
+                    << start + i;
+            EXPECT_EQ(waitForSubmitted(b, start, length), 0);
+            freeSubmitted(b, length);
+        }
+        for (unsigned bn : cached)
+            unSetBlock(&b->cacheMap, bn);
     });
 }
 
