@@ -2,8 +2,9 @@
  * The seam between the module and the kernel it runs in.
  *
  * Every declaration under <kernel/...> is the interface of Linux 2.6.30 that the module
- * relies on: the kernel's own names and meanings, as a C ABI. A provider (a real kernel's
- * glue, or the host kernel) implements all of it and decides nothing.
+ * relies on: the kernel's own names and meanings, as a C ABI. (submit_together names what
+ * that kernel does by itself, and newer ones when they are told.) A provider (a real
+ * kernel's glue, or the host kernel) implements all of it and decides nothing.
  *
  * The headers have two readings:
  *
