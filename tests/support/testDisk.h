@@ -12,7 +12,7 @@ namespace test
 {
 
 struct TestDiskOptions {
-    unsigned mebibytes = 8; // shared evenly by the partitions
+    unsigned mebibytes = 1; // shared evenly by the partitions
     // The block size of each partition's file system; the first partition is number 1.
     std::vector<unsigned> blockSizes = {4096};
     // False: no MBR; the one file system lies on the whole disk, which is partition 0.

@@ -177,7 +177,7 @@ TEST_F(AutoMapCommands, TheChangedBlocksAreHandedOutOnce)
         TestDisk disk;
         AMSessionKey key = firstBackup(disk);
         writeBlock(disk, 5);
-        writeBlock(disk, 1000);
+        writeBlock(disk, 200);
         Agent agent;
         ASSERT_EQ(agent.begin(disk.device(), key), 0);
         Backup *b = loadActiveSession();
@@ -186,7 +186,7 @@ TEST_F(AutoMapCommands, TheChangedBlocksAreHandedOutOnce)
         ASSERT_EQ(agent.getAutoMap(&map, agent.blocks()), 0);
         EXPECT_EQ(test::countBits(map), 2u);
         EXPECT_TRUE(test::testBit(map, 5));
-        EXPECT_TRUE(test::testBit(map, 1000));
+        EXPECT_TRUE(test::testBit(map, 200));
         EXPECT_EQ(b->blockMap.map, nullptr);
         EXPECT_EQ(atomic_read(&b->curAllocPages), cur - 1);
         EXPECT_EQ(atomic_read(&b->blockMap.users), 1);

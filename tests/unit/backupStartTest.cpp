@@ -103,7 +103,7 @@ TEST_F(BackupStart, AMappingTakes256BlocksAndAtMost256Pages)
     withModule([](ModuleRun &run) {
         for (const MappingLimit &limit :
              {MappingLimit{512, 32}, {1024, 64}, {2048, 128}, {4096, 256}}) {
-            BackupRun backup(run, {.mebibytes = 1, .blockSizes = {limit.blockSize}});
+            BackupRun backup(run, {.blockSizes = {limit.blockSize}});
             ASSERT_EQ(backup.start(), 0);
             EXPECT_EQ(backup.b()->maxVMPages, limit.pages);
         }
@@ -138,7 +138,7 @@ TEST_F(BackupStart, ACachedBlocksRecordGrowsWithTheBlocksOfAPage)
 {
     withModule([](ModuleRun &run) {
         for (unsigned blockSize : {4096u, 2048u, 1024u}) {
-            BackupRun backup(run, {.mebibytes = 1, .blockSizes = {blockSize}});
+            BackupRun backup(run, {.blockSizes = {blockSize}});
             ASSERT_EQ(backup.start(), 0);
             std::size_t record = std::max(8 + 4 * (4096 / blockSize), unsigned{sizeof(CachePage)});
             for (std::size_t size : {sizeof(HashTable), record, std::size_t{blockSize}}) {
@@ -413,7 +413,7 @@ TEST_F(BackupStart, AQueueWithoutARealFunctionIsRefused)
 TEST_F(BackupStart, NoFailureLosesMemory)
 {
     withModule([](ModuleRun &run) {
-        BackupRun backup(run, {.mebibytes = 1});
+        BackupRun backup(run);
         backup.record.close();
         host::MemoryUse before = host::memoryUse();
         for (Fault fault : {Fault::kmalloc, Fault::page, Fault::vmalloc, Fault::cacheCreate}) {
@@ -441,7 +441,7 @@ TEST_F(BackupStart, NoFailureLosesMemory)
 TEST_F(BackupStart, AStartWaitsUntilTheOldThreadHasStopped)
 {
     forSeeds(40, [](ModuleRun &run) {
-        BackupRun backup(run, {.mebibytes = 1});
+        BackupRun backup(run);
         OpenRecord idle;
         OpenRecord third;
         ASSERT_EQ(backup.start(), 0);
@@ -474,7 +474,7 @@ TEST_F(BackupStart, AStartWaitsUntilTheOldThreadHasStopped)
 TEST_F(BackupStart, ManyRecordsAfterOneAnotherAllWork)
 {
     forSeeds(10, [](ModuleRun &run) {
-        BackupRun backup(run, {.mebibytes = 1});
+        BackupRun backup(run);
         for (unsigned char i = 1; i <= 4; i++) {
             OpenRecord record;
             ASSERT_EQ(startBackup(record, backup.disk.device(), backup.disk.blocks(), 1u << 20), 0);

@@ -37,7 +37,7 @@ class CacheRun : public BackupRun
 {
 public:
     explicit CacheRun(ModuleRun &run, unsigned blockSize = 1024, unsigned maxCacheBlocks = 1000)
-        : BackupRun(run, {.blockSizes = {blockSize}})
+        : BackupRun(run, {.mebibytes = 5, .blockSizes = {blockSize}}) // several blocks a bucket
     {
         EXPECT_TRUE(begin(1, maxCacheBlocks));
         takeLog();
@@ -559,7 +559,7 @@ TEST_F(BlockCache, ABlockThatCannotBeKeptSpoilsTheBackupAndNotTheWrite)
 TEST_F(BlockCache, BufferHeadsAreFreedWithoutReferences)
 {
     forSeeds(30, [](ModuleRun &run) {
-        BackupRun backup(run, {.mebibytes = 1});
+        BackupRun backup(run);
         ASSERT_TRUE(backup.begin());
         EXPECT_EQ(backup.write(3, 4, 0x33), 0);
         EXPECT_TRUE(eventually([&] { return atomic_read(&backup.b()->mrInQueue) == 0; }));

@@ -169,7 +169,7 @@ TEST_F(BlockReader, AFailedBioSaysWhereItFailed)
 {
     withModule([](ModuleRun &run) {
         for (int error : {-KERNEL_EIO, -KERNEL_EOPNOTSUPP}) {
-            BackupRun backup(run, {.mebibytes = 1});
+            BackupRun backup(run);
             ASSERT_EQ(backup.start(), 0);
             struct page *page = alloc_pages(GFP_NOIO, 0);
             struct buffer_head *bh = allocBH();
@@ -310,7 +310,7 @@ TEST_F(BlockReader, BlocksSmallerThanAPageShareIt)
 TEST_F(BlockReader, AllReadsAreUnderWayBeforeOneIsWaitedFor)
 {
     withModule([](ModuleRun &run) {
-        BackupRun backup(run);
+        BackupRun backup(run, {.mebibytes = 2});
         ASSERT_TRUE(backup.begin());
         MappedBuffer buffer(backup.record, 256);
         backup.holdModuleReads();

@@ -206,7 +206,7 @@ TEST_F(CacheThread, AboveTheLastGoodStateBiosArePassedOnUnsaved)
 {
     for (unsigned state : {BACKUP_ERR_READ, BACKUP_ERR_CACHE, BACKUP_REJECTED, BACKUP_ERR_QUEUE}) {
         withModule([&](ModuleRun &run) {
-            BackupRun backup(run, {.mebibytes = 1});
+            BackupRun backup(run);
             ASSERT_TRUE(backup.begin());
             backup.holdModuleReads();
             AsyncBio first = backup.writeAsync(3, 1, 1);
@@ -314,7 +314,7 @@ TEST_F(CacheThread, AKillSignalDoesNotStopIt)
         backup.record.close();
         EXPECT_EQ(takeLog()[0], "<6>backup_cache: backupd thread exiting\n");
         // Wake-ups that its spinning did not use up do no harm.
-        BackupRun next(run, {.mebibytes = 1, .disk = otherDisk()});
+        BackupRun next(run, {.disk = otherDisk()});
         ASSERT_TRUE(next.begin());
         EXPECT_EQ(next.write(3, 1, 3), 0);
         EXPECT_EQ(atomic_read(&next.b()->totalAllocCPs), 1);

@@ -22,7 +22,7 @@ TEST_F(HoldDecision, AnotherDisksPartitionOfTheSameMinorIsAnotherDevice)
     withModule([](ModuleRun &run) {
         BackupRun backup(run);
         ASSERT_TRUE(backup.begin());
-        test::TestDiskOptions options{.mebibytes = 1};
+        test::TestDiskOptions options;
         options.disk.major = 9;
         TestDisk other(options);
         ASSERT_EQ(other.minor(), backup.disk.minor());
@@ -63,7 +63,7 @@ TEST_F(HoldDecision, ASpoiltBackupHoldsNothing)
     for (unsigned state : {BACKUP_CLOSING, BACKUP_ERR_READ, BACKUP_ERR_MAP, BACKUP_ERR_CACHE,
                            BACKUP_REJECTED, BACKUP_ERR_QUEUE}) {
         withModule([&](ModuleRun &run) {
-            BackupRun backup(run, {.mebibytes = 1});
+            BackupRun backup(run);
             ASSERT_TRUE(backup.begin());
             backup.holdModuleReads();
             AsyncBio held = backup.writeAsync(3, 1, 0x33);
@@ -83,7 +83,7 @@ TEST_F(HoldDecision, ASpoiltBackupHoldsNothing)
 TEST_F(HoldDecision, ARangeIsHeldForAnyOfItsBlocks)
 {
     withModule([](ModuleRun &run) {
-        BackupRun backup(run, {.mebibytes = 1});
+        BackupRun backup(run);
         ASSERT_TRUE(backup.begin());
         Backup *b = backup.b();
         const unsigned size = b->cacheMap.size;

@@ -506,7 +506,7 @@ TEST_F(Hooks, WithoutAQueueABioIsDropped)
 TEST_F(Hooks, ARecordIsNotFreedUnderAHookThatTookIt)
 {
     forSeeds(60, [](ModuleRun &run) {
-        BackupRun backup(run, {.mebibytes = 1});
+        BackupRun backup(run);
         ASSERT_TRUE(backup.begin());
         backup.holdModuleReads();
         AsyncBio held = backup.writeAsync(3, 1, 0x33);
@@ -534,7 +534,7 @@ TEST_F(Hooks, ARecordIsNotFreedUnderAHookThatTookIt)
 TEST_F(Hooks, ClosingAnotherRecordLetsHeldWritesGoOnFirst)
 {
     forSeeds(30, [](ModuleRun &run) {
-        BackupRun backup(run, {.mebibytes = 1});
+        BackupRun backup(run);
         OpenRecord idle;
         ASSERT_TRUE(backup.begin());
         backup.holdModuleReads();

@@ -154,7 +154,7 @@ TEST_F(PointInTime, ASessionThatFallsOutOfSyncMeanwhileHandsOverNothing)
 TEST_F(PointInTime, ASessionClosedMeanwhileIsNotUsedAfterItsEnd)
 {
     forSeeds(40, [](ModuleRun &run) {
-        BackupRun backup(run, {.mebibytes = 1});
+        BackupRun backup(run);
         AMSessionKey key = backup.track(1);
         takeLog();
         ASSERT_EQ(backup.start(), 0);

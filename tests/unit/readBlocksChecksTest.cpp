@@ -46,7 +46,7 @@ TEST_F(ReadBlocksChecks, TheFirstFaultIsTheOneThatIsTold)
         expectRefused(backup, 0, 1, "block map is null");
     });
     withModule([](ModuleRun &run) {
-        BackupRun backup(run);
+        BackupRun backup(run, {.mebibytes = 2});
         ASSERT_TRUE(backup.begin());
         unsigned blocks = backup.disk.blocks();
         expectRefused(backup, blocks, 1,

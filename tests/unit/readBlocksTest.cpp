@@ -166,7 +166,7 @@ TEST_F(ReadBlocksCommand, ABlockOverwrittenMeanwhileIsDeliveredAsItWas)
 TEST_F(ReadBlocksCommand, ReadsAndWritesAtAllMomentsGiveTheSnapshot)
 {
     forSeeds(60, [](ModuleRun &run) {
-        BackupRun backup(run, {.mebibytes = 1});
+        BackupRun backup(run);
         ASSERT_TRUE(backup.begin());
         Image before = blocksOf(backup, 0, 24);
         MappedBuffer buffer(backup.record, 8);
@@ -195,7 +195,7 @@ TEST_F(ReadBlocksCommand, ReadsAndWritesAtAllMomentsGiveTheSnapshot)
 TEST_F(ReadBlocksCommand, ADeliveredBlockCanBeReadAgain)
 {
     forSeeds(200, [](ModuleRun &run) {
-        BackupRun backup(run, {.mebibytes = 1});
+        BackupRun backup(run);
         ASSERT_TRUE(backup.begin());
         ASSERT_EQ(backup.load(), 0);
         MappedBuffer buffer(backup.record, 1);

@@ -105,7 +105,7 @@ TEST_F(SessionChoice, SizesAreComparedIn64Bits)
 TEST_F(SessionChoice, EveryByteOfAKeyIsRandom)
 {
     withModule([](ModuleRun &run) {
-        BackupRun backup(run, {.mebibytes = 1});
+        BackupRun backup(run);
         std::vector<AMSessionKey> keys;
         for (int i = 0; i < 6; i++) {
             OpenRecord record;

@@ -369,7 +369,7 @@ TEST_F(Snapshots, WithoutMemoryForTheSession)
 TEST_F(Snapshots, ADeviceNumberTooLargeToTrackGives2)
 {
     withModule([](ModuleRun &run) {
-        test::TestDiskOptions options{.mebibytes = 1};
+        test::TestDiskOptions options;
         options.disk.firstMinor = 256;
         BackupRun backup(run, options);
         ASSERT_EQ(backup.start(), 0);
