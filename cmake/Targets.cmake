@@ -41,6 +41,7 @@ add_library(gtest STATIC EXCLUDE_FROM_ALL
 target_include_directories(gtest SYSTEM
   PUBLIC ${googletest}/googletest/include ${googletest}/googlemock/include
   PRIVATE ${googletest}/googletest ${googletest}/googlemock)
+# Unoptimised and with the address sanitizer its death tests lose their child.
 target_compile_options(gtest PRIVATE -O1)
 target_link_libraries(gtest PUBLIC Threads::Threads)
 

@@ -1,6 +1,7 @@
 # The scenarios in a real kernel under an emulator: the guest's only program, and the program that
-# drives it. The latter has 32 bits, so that both sides can share addresses. zelsend runs there as it
-# is delivered; zel, which takes its stream, is the native build's.
+# drives it. The latter has 32 bits, so that both sides can share addresses, and is not optimised: all
+# that it does is to wait for the emulator. zelsend runs there as it is delivered; zel, which takes its
+# stream, is the native build's.
 include(Zelsend)
 zelGlob(guestSources vm/guest/*.cpp)
 zelStaticProgram(vm_guest SOURCES ${guestSources})
@@ -8,31 +9,38 @@ zelStaticProgram(vm_guest SOURCES ${guestSources})
 # test::Agent, with host::Process as a process of the guest.
 zelGlob(vmHostSources vm/host/*.cpp tests/support/agent.cpp)
 list(FILTER vmHostSources EXCLUDE REGEX "/main\\.cpp$")
-zelLibrary(vm_host ${vmHostSources})
+add_library(vm_host STATIC ${vmHostSources})
+target_compile_options(vm_host PRIVATE ${warningFlags})
+target_precompile_headers(vm_host PRIVATE <algorithm> <fstream> <functional> <map> <mutex> <regex>
+  <set> <sstream> <string> <thread> <vector>)
 target_include_directories(vm_host PUBLIC ${PROJECT_SOURCE_DIR} tests kernel/include
   kernel/host/include zelmod/2.6)
 target_link_libraries(vm_host PUBLIC Threads::Threads)
 
+function(vmProgram name)
+  add_executable(${name} ${ARGN})
+  target_compile_options(${name} PRIVATE ${warningFlags})
+  target_link_libraries(${name} PRIVATE vm_host)
+  target_precompile_headers(${name} REUSE_FROM vm_host)
+endfunction()
+
 zelGlob(vmSources tests/scenario/*.cpp)
 list(FILTER vmSources EXCLUDE REGEX "/hostScenarioTest\\.cpp$")
-zelProgram(vm_scenarios vm/host/main.cpp ${vmSources})
-target_link_libraries(vm_scenarios PRIVATE vm_host)
+vmProgram(vm_scenarios vm/host/main.cpp ${vmSources})
 add_custom_target(vm DEPENDS vm_guest_program zelsend_program vm_scenarios)
 
 # Measurements in that kernel: a program for the guest, and what drives it.
 zelGlob(benchGuestSources vm/guest/bench/*.cpp)
 zelStaticProgram(vm_bench_guest SOURCES ${benchGuestSources} INCLUDES zelmod/2.6)
 zelGlob(benchSources vm/bench/*.cpp)
-zelProgram(vm_bench ${benchSources})
-target_link_libraries(vm_bench PRIVATE vm_host)
+vmProgram(vm_bench ${benchSources})
 add_custom_target(vm-bench DEPENDS vm_guest_program vm_bench_guest_program vm_bench)
 
 # The demonstration in that kernel: a program that changes files in the guest, and what drives it.
 zelGlob(demoGuestSources vm/guest/demo/*.cpp)
 zelStaticProgram(vm_demo_writer SOURCES ${demoGuestSources})
 zelGlob(demoSources vm/demo/*.cpp)
-zelProgram(vm_demo ${demoSources})
-target_link_libraries(vm_demo PRIVATE vm_host)
+vmProgram(vm_demo ${demoSources})
 add_custom_target(vm-demo DEPENDS vm_guest_program vm_demo_writer_program zelsend_program vm_demo)
 
 # A few of the scenarios belong to the checks: in Debian's kernel, and in another one where the
