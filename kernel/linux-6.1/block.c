@@ -4,7 +4,6 @@
 #include <linux/blkdev.h>
 #include <linux/fs.h>
 #include <linux/kernel.h>
-#include <linux/module.h>
 #include <linux/mutex.h>
 #include <linux/xarray.h>
 
@@ -44,29 +43,9 @@ dev_t zk_bdev_dev(struct block_device *bdev)
     return bdev->bd_dev;
 }
 
-/* A partition of the numbers that its disk has been given: the disk's own and its place in the
- * table. The kernel numbers others as it sees fit. */
-static int isNumbered(const struct block_device *part)
-{
-    const struct gendisk *disk = part->bd_disk;
-
-    return part->bd_partno < disk->minors &&
-           part->bd_dev == MKDEV(disk->major, disk->first_minor + part->bd_partno);
-}
-
-/* The module tells the disk's partitions by these numbers. What it would take for another, or not
- * find, is not shown. */
 struct gendisk *zk_bdev_disk(struct block_device *bdev)
 {
-    if (!isOpen(bdev))
-        return NULL;
-    if (bdev_is_partition(bdev) && !isNumbered(bdev)) {
-        printk(KERN_ERR
-               "%s: %pg cannot be backed up: its device number does not follow its disk's\n",
-               THIS_MODULE->name, bdev);
-        return NULL;
-    }
-    return bdev->bd_disk;
+    return isOpen(bdev) ? bdev->bd_disk : NULL;
 }
 
 struct hd_struct *zk_bdev_part(struct block_device *bdev)

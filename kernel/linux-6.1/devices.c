@@ -10,6 +10,7 @@
 struct known_device {
     struct hlist_node link;
     struct block_device *bdev; /* referenced by its inode, or our own if it has none */
+    const char *refusal;       /* why it was refused last; NULL if it never was */
 };
 
 /* By number. Found without a lock: it is only ever added to, under knownLock. */
@@ -41,6 +42,13 @@ static struct block_device *findMissing(dev_t number)
 int isMissing(const struct block_device *bdev)
 {
     return bdev->bd_inode == NULL;
+}
+
+bool noteRefusal(struct block_device *bdev, const char *reason)
+{
+    struct known_device *device = recordOf(bdev);
+
+    return device == NULL || xchg(&device->refusal, reason) != reason;
 }
 
 static void drop(struct block_device *bdev)

@@ -14,6 +14,10 @@ struct block_device *deviceOf(dev_t number);
 /* Whether the record only stands for a device that does not exist. */
 int isMissing(const struct block_device *bdev);
 
+/* Notes why a kept device is refused, a text that stays; whether that was not known of it. Any
+ * context. */
+bool noteRefusal(struct block_device *bdev, const char *reason);
+
 /* Lets go of all. Process context, may sleep. */
 void forgetDevices(void);
 

@@ -11,6 +11,7 @@
 
 #include "devices.h"
 #include "fs.h"
+#include "hooks.h"
 #include "symbols.h"
 
 static struct super_block *(*getSuper)(struct block_device *bdev);
@@ -25,9 +26,17 @@ int findFileSystemFunctions(void)
     return -EOPNOTSUPP;
 }
 
+/* On a device that cannot be hooked nothing is found, so that it is refused before the module asks
+ * for its queue: none at all it would take for one that has gone meanwhile. s_umount is not held
+ * while that is looked at, as it nests inside the mutex that a disk is opened with. */
 struct super_block *zk_get_super(struct block_device *bdev)
 {
-    return getSuper(bdev);
+    struct super_block *sb = getSuper(bdev);
+
+    if (sb == NULL)
+        return NULL;
+    drop_super(sb);
+    return isHookable(bdev) ? getSuper(bdev) : NULL;
 }
 
 void zk_drop_super(struct super_block *sb)

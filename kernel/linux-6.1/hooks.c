@@ -257,6 +257,13 @@ int startHooks(void)
     return error;
 }
 
+/* A device that cannot be backed up is asked for again and again, if only for its size. */
+static void refuse(struct block_device *bdev, const char *reason)
+{
+    if (noteRefusal(keepDevice(bdev), reason))
+        printk(KERN_ERR "%s: %pg cannot be backed up: %s\n", THIS_MODULE->name, bdev, reason);
+}
+
 /* Why the disk's changes cannot all be seen; NULL if they can. */
 static const char *obstacle(struct gendisk *disk)
 {
@@ -317,7 +324,21 @@ static int redirectDriver(struct hooked_disk *disk,
     return error;
 }
 
-/* Under disksLock. NULL, and a word in the log, if it cannot be hooked. */
+static const char *whyNotRedirected(int error)
+{
+    switch (error) {
+    case -ENOMEM:
+        return "there was no memory for it";
+    case -ENODEV:
+        return "it or its driver is going away";
+    case -EBUSY:
+        return "what takes its bios is redirected already";
+    default:
+        return "what takes its bios cannot be redirected";
+    }
+}
+
+/* Under disksLock. NULL if it cannot be hooked. */
 static struct hooked_disk *addDisk(struct gendisk *gendisk)
 {
     struct hooked_disk *disk;
@@ -345,9 +366,7 @@ put:
 free:
     kfree(disk);
 refuse:
-    printk(KERN_ERR "%s: disk %s cannot be backed up: what takes its bios cannot be redirected "
-                    "(error %d)\n",
-           THIS_MODULE->name, gendisk->disk_name, -error);
+    refuse(gendisk->part0, whyNotRedirected(error));
     return NULL;
 }
 
@@ -360,8 +379,7 @@ struct request_queue *hookableQueue(struct gendisk *gendisk)
         return disk->queue;
     reason = obstacle(gendisk);
     if (reason != NULL) {
-        printk(KERN_ERR "%s: disk %s cannot be backed up: %s\n", THIS_MODULE->name,
-               gendisk->disk_name, reason);
+        refuse(gendisk->part0, reason);
         return NULL;
     }
     mutex_lock(&disksLock);
@@ -370,6 +388,26 @@ struct request_queue *hookableQueue(struct gendisk *gendisk)
         disk = addDisk(gendisk);
     mutex_unlock(&disksLock);
     return disk != NULL ? disk->queue : NULL;
+}
+
+/* The module tells a disk's partitions by the numbers that a disk has been given: its own and the
+ * partition's place in the table. The kernel numbers others as it sees fit; the module would take
+ * them for another device, or not find them. */
+static bool isNumbered(const struct block_device *part)
+{
+    const struct gendisk *disk = part->bd_disk;
+
+    return part->bd_partno < disk->minors &&
+           part->bd_dev == MKDEV(disk->major, disk->first_minor + part->bd_partno);
+}
+
+bool isHookable(struct block_device *bdev)
+{
+    if (bdev_is_partition(bdev) && !isNumbered(bdev)) {
+        refuse(bdev, "its device number does not follow its disk's");
+        return false;
+    }
+    return hookableQueue(bdev->bd_disk) != NULL;
 }
 
 make_request_fn *hookOf(struct request_queue *queue)

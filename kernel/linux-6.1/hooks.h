@@ -18,9 +18,14 @@ int startHooks(void);
  * end of I/O. Process context, sleeps. */
 void stopHooks(void);
 
-/* The queue of a disk, whose bios can be had from now on; or says in the log why they cannot be,
- * and NULL. Process context, sleeps where the disk is new. */
+/* The queue of a disk, whose bios can be had from now on and until the module is unloaded; or says
+ * in the log why they cannot be, once for each reason, and NULL. Process context, sleeps where the
+ * disk is new. */
 struct request_queue *hookableQueue(struct gendisk *disk);
+
+/* Whether that is so of the device's disk, and the module can tell the device by its number; the
+ * device is kept. In all else as hookableQueue. */
+bool isHookable(struct block_device *bdev);
 
 /* The module's function in the way of a queue's bios; NULL if there is none. Any context. */
 make_request_fn *hookOf(struct request_queue *queue);

@@ -44,11 +44,15 @@ SEAM(struct block_device *, bdev_contains, (struct block_device * bdev));
  * meanwhile, and waits for those of other tasks. */
 SEAM(struct mutex *, bdev_mutex, (struct block_device * bdev));
 
+/* NULL if not all bios of the disk can be seen, as with some kinds of disk on 6.1: the disk cannot
+ * be hooked. On its devices get_super finds nothing, so that one that was measured has a queue for
+ * as long as it is open. Process context; may sleep until the disk's get_super has found something.
+ */
+SEAM(struct request_queue *, disk_queue, (struct gendisk * disk));
 /* Disks and their partitions. Partition numbers start at 1; disk_part takes those below
  * disk_part_tbl_len and may give NULL. Between rcu_read_lock and rcu_read_unlock: the table may
  * change, unless the whole disk's bdev_mutex is held, but it gets no shorter, and what was in it is
  * not freed. */
-SEAM(struct request_queue *, disk_queue, (struct gendisk * disk));
 SEAM(int, disk_first_minor, (struct gendisk * disk));
 SEAM(int, disk_minors, (struct gendisk * disk));
 SEAM(int, disk_part_tbl_len, (struct gendisk * disk));

@@ -17,7 +17,8 @@ static inline int IS_ERR(const void *pointer)
 #endif
 
 /* The super block of the file system mounted on `bdev`, with a reference and its s_umount held for
- * reading; NULL if `bdev` is NULL or nothing is mounted on it. */
+ * reading; NULL if `bdev` is NULL or nothing is mounted on it, or if it cannot be hooked
+ * (disk_queue in block.h): then the kernel log says why. */
 SEAM(struct super_block *, get_super, (struct block_device * bdev));
 SEAM(void, drop_super, (struct super_block * sb));
 /* Its block size in bytes. */
