@@ -168,7 +168,8 @@ Outcome refused(const char *what, Result result)
         why = "the module could not reach this program's memory";
         break;
     case ZEL_RESULT_NOT_MOUNTED:
-        why = "no file system is mounted on the device";
+        why = "no file system is mounted on the device, or the kernel log says why it cannot be "
+              "backed up";
         break;
     case ZEL_RESULT_BUSY:
     case ZEL_RESULT_HAS_BACKUP:

@@ -274,7 +274,8 @@ void refuseWithoutModule(Environment &env)
 void refuseDevices(Environment &env)
 {
     const std::string notMounted =
-        "the device was refused: no file system is mounted on the device";
+        "the device was refused: no file system is mounted on the device, or the kernel log says "
+        "why it cannot be backed up";
     expectRefusal(env, {env.node(1)}, refused, notMounted + " (8)");
     expectRefusal(env, {"250:7"}, refused, notMounted + " (8)");
     expectRefusal(env, {"/dev/disk"}, refused, notMounted + " (8)"); // all of it, around both

@@ -296,7 +296,8 @@ TEST_F(BackupTest, ADeviceThatIsNotThereIsRefused)
     result = send({"8:2"});
     EXPECT_EQ(result.exitCode, 4);
     EXPECT_EQ(result.messages,
-              "zelsend: the device was refused: no file system is mounted on the device (8)\n");
+              "zelsend: the device was refused: no file system is mounted on the device, or the "
+              "kernel log says why it cannot be backed up (8)\n");
     device.unmount();
     EXPECT_EQ(send({"8:1"}).exitCode, 4);
     EXPECT_EQ(send({"--control", "/dev/none"}).messages,
