@@ -8,8 +8,8 @@
 #   build/cache/linux-6.1/release   the kernel's release, such as 6.1.0-9-686-pae
 #
 # and likewise in build/cache/linux-6.1-amd64. Looks whether there is a newer one if the last look is a
-# day old, and does with what is there if nothing can be learnt or had. `rm -r` of the folder makes it
-# forget.
+# day old, and goes on with what is there if nothing can be learnt or had, or not all that is needed. `rm -r`
+# of the folder makes it forget.
 #
 #   tools/fetch-kernel.sh [i386|amd64]
 set -euo pipefail
@@ -95,7 +95,6 @@ unpackKernel()
         xz -dc >"$2"
 }
 
-command -v xz >/dev/null || fail "xz is missing: tools/setup.sh xz-utils"
 mkdir -p "$(dirname "$cache")"
 exec {lock}>"$cache.lock"
 flock "$lock"
@@ -109,24 +108,32 @@ work=$cache.new
 rm -rf "$work"
 trap 'rm -rf "$work"' EXIT
 mkdir "$work"
+
+# There is no newer kernel, for this reason: with one from before that is not the end.
+goOnOrFail()
+{
+    [ -n "$had" ] || fail "$@"
+    echo "fetch-kernel: no newer kernel can be had: $1; going on with $had" >&2
+    exit 0
+}
+
+command -v xz >/dev/null || goOnOrFail "xz is missing: tools/setup.sh xz-utils"
 attempts=3
 [ -n "$had" ] && attempts=1 || echo "fetch-kernel: fetching Debian's current kernel ($flavour), 70 MB"
-if fetchPackages "$work" "$attempts" "$architecture" namePackages; then
-    if [ "$release" != "$had" ]; then
-        isComplete "$work/root" >"$work/log" || fail "$(cat "$work/log"); they are not as expected"
-        unpackKernel "$work/root/boot/vmlinuz-$release" "$work/vmlinux" ||
-            fail "cannot unpack the image of kernel $release (xz's message above)"
-        rm "$work"/{log,names}
-        echo "$release" >"$work/release"
-        rm -rf "$cache"
-        mv -T "$work" "$cache"
-        echo "fetch-kernel: $release"
-    fi
-    touch "$cache/release"
-elif [ -n "$had" ]; then
-    echo "fetch-kernel: cannot tell whether there is a newer kernel; going on with $had" >&2
-else
+if ! fetchPackages "$work" "$attempts" "$architecture" namePackages; then
+    [ -z "$had" ] || goOnOrFail "$(tail -n 1 "$work/log")"
     cat "$work/log" >&2
     fail "could not fetch Debian's current kernel ($flavour; messages above); check the network" \
         "and the package sources (Debian 12's), then repeat."
+fi
+[ -z "$had" ] || touch "$cache/release" # whatever has come will be no better if it is fetched at once
+if [ "$release" != "$had" ]; then
+    isComplete "$work/root" >"$work/log" || goOnOrFail "$(cat "$work/log"), and are not as expected"
+    unpackKernel "$work/root/boot/vmlinuz-$release" "$work/vmlinux" 2>"$work/log" ||
+        goOnOrFail "cannot unpack the image of kernel $release ($(tail -n 1 "$work/log"))"
+    rm "$work"/{log,names}
+    echo "$release" >"$work/release"
+    rm -rf "$cache"
+    mv -T "$work" "$cache"
+    echo "fetch-kernel: $release"
 fi

@@ -131,7 +131,8 @@ age()
 
 unknown="no package source tells what the current kernel is (linux-image-686-pae:i386)"
 refused="could not fetch Debian's current kernel"
-goesOn="cannot tell whether there is a newer kernel; going on with 6.1.0-9-686-pae"
+goesOn="; going on with 6.1.0-9-686-pae"
+noNewer="fetch-kernel: no newer kernel can be had: "
 three="update download update download update download"
 
 case="first fetch"
@@ -206,15 +207,53 @@ newMirror
 expect success 6.1.0-9-686-pae "update download" ""
 age
 : >"$mirror/release"
-expect success 6.1.0-9-686-pae "update" "$goesOn"
+expect success 6.1.0-9-686-pae "update" "$noNewer$unknown$goesOn"
 case="a newer kernel that cannot be had"
 echo 6.1.0-10-686-pae >"$mirror/release"
 echo 1 >"$mirror/refused"
-expect success 6.1.0-9-686-pae "update download" "$goesOn"
+expect success 6.1.0-9-686-pae "update download" "${noNewer}404 Not Found$goesOn"
+case="a newer kernel without its headers"
+touch "$mirror/noHeaders"
+expect success 6.1.0-9-686-pae "update" "${noNewer}no package source tells what goes with kernel\
+ 6.1.0-10-686-pae (linux-headers-6.1.0-10-686-pae:i386)$goesOn"
+rm "$mirror/noHeaders"
+case="another Debian's kernel, and one from before"
+echo 6.12.9+deb13-686-pae >"$mirror/release"
+expect success 6.1.0-9-686-pae "update" "is 6.12.9+deb13-686-pae, not 6.1 as Debian 12's$goesOn"
 case="a newer kernel that is not complete"
+echo 6.1.0-10-686-pae >"$mirror/release"
 echo linux-headers-6.1.0-10-686-pae >"$mirror/partial"
-expect failure 6.1.0-9-686-pae "update download" "the packages of kernel 6.1.0-10-686-pae have no\
- /usr/src/linux-headers-6.1.0-10-686-pae/Module.symvers; they are not as expected"
+expect success 6.1.0-9-686-pae "update download" "${noNewer}the packages of kernel 6.1.0-10-686-pae\
+ have no /usr/src/linux-headers-6.1.0-10-686-pae/Module.symvers, and are not as expected$goesOn"
+case="the same on the same day"
+expect success 6.1.0-9-686-pae ""
+case="a newer kernel whose image is damaged"
+age
+: >"$mirror/partial"
+makeImage | tr e E >"$mirror/image"
+expect success 6.1.0-9-686-pae "update download" "${noNewer}cannot unpack the image of kernel\
+ 6.1.0-10-686-pae (" "$goesOn"
+case="the newer kernel, all of it, a day later"
+age
+makeImage >"$mirror/image"
+expect success 6.1.0-10-686-pae "update download" "fetch-kernel: 6.1.0-10-686-pae"
+
+# A PATH on which everything but xz is found.
+path=$PATH
+mkdir "$tree/noXz"
+ln -s /usr/bin/* /bin/* "$tree/noXz/" 2>/dev/null || true
+rm -f "$tree/noXz/xz"
+PATH=$tree/bin:$tree/noXz
+case="no xz, and a kernel from today"
+expect success 6.1.0-10-686-pae ""
+case="no xz, and a kernel from before"
+age
+expect success 6.1.0-10-686-pae "" "${noNewer}xz is missing: tools/setup.sh xz-utils; going on with\
+ 6.1.0-10-686-pae"
+case="no xz and nothing there"
+rm -r "$tree/build"
+expect failure "" "" "xz is missing: tools/setup.sh xz-utils"
+PATH=$path
 
 case="another architecture"
 newMirror
