@@ -35,6 +35,10 @@ esac
 architecture=i386
 if [ "${1:-}" = --architecture ]; then
     architecture=${2:-}
+    case $architecture in
+    i386 | amd64) ;;
+    *) fail "--architecture needs one of i386 and amd64, not '$architecture'" ;;
+    esac
     shift 2
 fi
 kernel=${1:-}

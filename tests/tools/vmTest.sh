@@ -1,5 +1,5 @@
 #!/bin/bash
-# Tests of what the program of `make vm` refuses before it boots anything.
+# Tests of what `make vm` refuses before it boots anything: its program, and the script that starts it.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/../.."
 
@@ -8,19 +8,24 @@ trap 'rm -rf "$work"' EXIT
 : >"$work/file"
 failures=0
 
-# refuses <status> <what is said> <argument...>
-refuses()
+# says <status> <what is said> <command...>
+says()
 {
-    local status=0 expected="vm: $2" output
-    local wanted=$1
+    local status=0 wanted=$1 expected="vm: $2" output
     shift 2
-    output=$(build/i386/vm_scenarios --kernel "$work/file" --module "$work/file" --guest "$work/file" \
-        --zelsend "$work/file" --zel "$work/file" --folder "$work/run" "$@" 2>&1) || status=$?
+    output=$("$@" 2>&1) || status=$?
     if [ "$status" != "$wanted" ] || [ "$output" != "$expected" ]; then
-        printf 'vm %s: expected %s and\n%s\nbut got %s and\n%s\n' "$*" "$wanted" "$expected" \
+        printf '%s: expected %s and\n%s\nbut got %s and\n%s\n' "$*" "$wanted" "$expected" \
             "$status" "$output" >&2
         failures=$((failures + 1))
     fi
+}
+
+# refuses <status> <what is said> <argument...>
+refuses()
+{
+    says "$1" "$2" build/i386/vm_scenarios --kernel "$work/file" --module "$work/file" \
+        --guest "$work/file" --zelsend "$work/file" --zel "$work/file" --folder "$work/run" "${@:3}"
 }
 
 for number in 0 -1 5x x "" 99999999999; do
@@ -29,6 +34,11 @@ for number in 0 -1 5x x "" 99999999999; do
 done
 refuses 1 "NoSuchScenario: no scenario or check has that in its name" FullAnd NoSuchScenario
 refuses 1 "SoakOf6Cycles: no scenario or check has that in its name" --cycles 5 SoakOf6Cycles
+says 1 "--architecture needs one of i386 and amd64, not ''" tools/vm.sh --architecture
+for architecture in "" arm64; do
+    says 1 "--architecture needs one of i386 and amd64, not '$architecture'" \
+        tools/vm.sh --architecture "$architecture" "" "" FullAnd
+done
 
 [ "$failures" = 0 ] || exit 1
 echo "vm: its own tests passed"
