@@ -4,12 +4,13 @@
 #include <linux/blkdev.h>
 #include <linux/fs.h>
 #include <linux/kernel.h>
+#include <linux/sched.h>
 
 #include "seamTypes.h"
 
 #include <kernel/block.h>
 
-#include "bioSet.h"
+#include "bioSets.h"
 
 /* What a 2.6.30 kernel's bi_rw has beside the direction, as far as it is still known. */
 enum {
@@ -27,21 +28,47 @@ struct own_bio {
     struct bio bio;
 };
 
-static struct bio_set ownBios;
+/*
+ * A set has a few bios in reserve, for which a task waits where there is no memory. Those of the
+ * cache thread are its own: it has one at a time, so that it always gets on, and with it the writes
+ * that wait for it, which may be what memory is waiting for. An agent keeps the bios of all that it
+ * reads at once, and would have the reserve for as long as it waits for more.
+ */
+static struct bio_set threadsBios;
+static struct bio_set processesBios;
 
-int createBioSet(void)
+static int initBioSet(struct bio_set *set)
 {
-    return bioset_init(&ownBios, BIO_POOL_SIZE, offsetof(struct own_bio, bio), BIOSET_NEED_BVECS);
+    return bioset_init(set, BIO_POOL_SIZE, offsetof(struct own_bio, bio), BIOSET_NEED_BVECS);
 }
 
-void destroyBioSet(void)
+int createBioSets(void)
 {
-    bioset_exit(&ownBios);
+    int error = initBioSet(&threadsBios);
+
+    if (error != 0)
+        return error;
+    error = initBioSet(&processesBios);
+    if (error != 0)
+        bioset_exit(&threadsBios);
+    return error;
+}
+
+void destroyBioSets(void)
+{
+    bioset_exit(&processesBios);
+    bioset_exit(&threadsBios);
+}
+
+static __always_inline bool isOwn(const struct bio *bio)
+{
+    return bio->bi_pool == &threadsBios || bio->bi_pool == &processesBios;
 }
 
 struct bio *zk_bio_alloc(gfp_t gfp, int vectors)
 {
-    struct bio *bio = bio_alloc_bioset(NULL, vectors, 0, gfp, &ownBios);
+    struct bio_set *set = current->flags & PF_KTHREAD ? &threadsBios : &processesBios;
+    struct bio *bio = bio_alloc_bioset(NULL, vectors, 0, gfp, set);
 
     if (bio != NULL)
         container_of(bio, struct own_bio, bio)->passed = false;
@@ -50,13 +77,13 @@ struct bio *zk_bio_alloc(gfp_t gfp, int vectors)
 
 void markPassed(struct bio *bio)
 {
-    if (bio->bi_pool == &ownBios)
+    if (isOwn(bio))
         container_of(bio, struct own_bio, bio)->passed = true;
 }
 
 bool notrace wasPassed(const struct bio *bio)
 {
-    return bio->bi_pool == &ownBios && container_of(bio, struct own_bio, bio)->passed;
+    return isOwn(bio) && container_of(bio, struct own_bio, bio)->passed;
 }
 
 void zk_bio_get(struct bio *bio)

@@ -41,7 +41,7 @@
 #include <linux/slab.h>
 #include <linux/workqueue.h>
 
-#include "bioSet.h"
+#include "bioSets.h"
 #include "devices.h"
 #include "symbols.h"
 

@@ -1,7 +1,7 @@
 /* The seam as a whole: its parts in the order in which they need each other. */
 #include "provider.h"
 
-#include "bioSet.h"
+#include "bioSets.h"
 #include "devices.h"
 #include "embedded.h"
 #include "fs.h"
@@ -14,18 +14,18 @@ int startProvider(void)
     if (error == 0)
         error = findFileSystemFunctions();
     if (error == 0)
-        error = createBioSet();
+        error = createBioSets();
     if (error != 0)
         return error;
     error = startHooks();
     if (error != 0)
-        destroyBioSet();
+        destroyBioSets();
     return error;
 }
 
 void stopProvider(void)
 {
     stopHooks();
-    destroyBioSet();
+    destroyBioSets();
     forgetDevices();
 }

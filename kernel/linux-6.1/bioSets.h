@@ -1,14 +1,14 @@
 /* The module's own bios. */
-#ifndef BIO_SET_H
-#define BIO_SET_H
+#ifndef BIO_SETS_H
+#define BIO_SETS_H
 
 #include <linux/types.h>
 
 /* What they are allocated from: 0, or -ENOMEM. Process context, sleeps. */
-int createBioSet(void);
+int createBioSets(void);
 
 /* No bio may be left. Process context, sleeps. */
-void destroyBioSet(void);
+void destroyBioSets(void);
 
 struct bio;
 
