@@ -274,8 +274,19 @@ static const char *obstacle(struct gendisk *disk)
     return NULL;
 }
 
-/* Keeps the disk open while the module has references on its queue, so that it is not taken out of
- * service, or its driver unloaded, under a bio that is being held. */
+/*
+ * Keeps the disk open while the module has references on its queue, so that it is not taken out of
+ * service, or its driver unloaded, while it is hooked.
+ *
+ * References are taken and dropped where nobody may sleep, so this follows a moment later. The file
+ * system that is backed up keeps the disk open, too. Should it be unmounted within that moment, the
+ * last closing of the disk waits for its bios, those that are held among them; a disk that is taken
+ * out of service then refuses what the module still gives to it.
+ *
+ * It is not opened when its queue is first asked for: nobody would tell when a backup that never
+ * hooked it has ended. Nor each time: the cache thread asks for the queue as well, and must not
+ * wait for the disk's mutex, whose owner may be waiting for a write that is held.
+ */
 static void settleOpening(struct work_struct *work)
 {
     struct hooked_disk *disk = container_of(work, struct hooked_disk, work);
