@@ -8,7 +8,7 @@
 
 #include <fcntl.h>
 
-#include "deviceMapper.h"
+#include "vm/host/deviceMapper.h"
 
 namespace vm
 {
