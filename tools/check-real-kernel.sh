@@ -17,9 +17,9 @@ scenarios=(EnvironmentMissesLostWrites FullAndIncrementalChain UnloadWithSession
     Contract)
 # By disk; one is as good as the other for what a disk's driver does not see.
 ideScenarios=(Contract EnvironmentGoesOnWithoutTranslations FullAndIncrementalChain
-    WriteStormWithCloseInTheMiddle)
-virtioScenarios=(Contract BlockSizesOnPartitionsAtAnySector CacheOverflow ZelsendChain
-    SoakOf2CyclesIn96MiB)
+    RefusesAPartitionOfAnotherNumber WriteStormWithCloseInTheMiddle)
+virtioScenarios=(BackupOfASuspendedMappedDevice Contract BlockSizesOnPartitionsAtAnySector CacheOverflow
+    RefusesAZonedDisk ZelsendChain SoakOf2CyclesIn96MiB)
 
 skip()
 {

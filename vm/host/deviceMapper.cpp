@@ -150,6 +150,32 @@ std::string MappedDevice::status()
     return status.text;
 }
 
+int MappedDevice::setSuspended(std::uint32_t flags)
+{
+    Command command(name_);
+    command.header.flags = flags;
+    return run(DM_DEV_SUSPEND, command);
+}
+
+Suspension::Suspension(MappedDevice &device) : device_(device)
+{
+    int result = device_.setSuspended(DM_SUSPEND_FLAG | DM_SKIP_LOCKFS_FLAG);
+    if (result < 0)
+        throw std::runtime_error("the guest's device mapper: " + device_.name_ +
+                                 ": suspending failed with " + std::to_string(result));
+}
+
+Suspension::~Suspension()
+{
+    try {
+        if (device_.setSuspended(0) < 0)
+            std::fprintf(stderr, "the guest's device %s could not be resumed\n",
+                         device_.name_.c_str());
+    } catch (const GuestLost &) {
+        // Whoever next asks something of the guest is told.
+    }
+}
+
 SnappedDevice::SnappedDevice(Guest &guest, const std::string &origin, std::uint64_t sectors,
                              const std::string &store, const char *persistence,
                              unsigned chunkSectors)

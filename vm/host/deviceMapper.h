@@ -1,4 +1,4 @@
-/* The kernel's own snapshots of a block device, to compare with. */
+/* Devices that the kernel makes of others, its own snapshots among them. */
 #pragma once
 
 #include <cstdint>
@@ -28,12 +28,27 @@ public:
     std::string status();
 
 private:
+    friend class Suspension;
     struct Command;
     int run(std::uint32_t number, Command &command);
+    int setSuspended(std::uint32_t flags);
 
     GuestProcess process_;
     const std::string name_;
     int control_ = -1;
+};
+
+// The device finishes what it has been given and then puts all bios aside, for as long as this
+// lives. A file system on it is not frozen for that.
+class Suspension
+{
+public:
+    explicit Suspension(MappedDevice &device);
+    ~Suspension();
+    Suspension(const Suspension &) = delete;
+
+private:
+    MappedDevice &device_;
 };
 
 // A device with a snapshot, which saves the old contents of what is written to it.

@@ -120,12 +120,17 @@ void Environment::findDevices(Worker &worker)
 void Environment::mountAll(Worker &worker)
 {
     for (unsigned i = 0; i < devices_.size(); i++) {
-        kernel_dev_t number = device(i);
-        require(worker.makeNode(node(i), S_IFBLK, deviceMajor(number), deviceMinor(number)),
-                "mknod");
+        addNode(worker, i);
         require(worker.makeFolder(folder(i)), "mkdir");
         require(mount(worker, i), "mount");
     }
+}
+
+void Environment::addNode(Worker &worker, unsigned index)
+{
+    kernel_dev_t number = device(index);
+    require(worker.makeNode(node(index), S_IFBLK, deviceMajor(number), deviceMinor(number)),
+            "mknod");
 }
 
 int Environment::mount(Worker &worker, unsigned index)
@@ -168,9 +173,32 @@ void Environment::spoil(unsigned index, std::uint32_t place, const scenario::Ima
 
 void Environment::giveUp(unsigned index)
 {
+    unmount(index);
+    givenUp_.insert(index);
+}
+
+void Environment::unmount(unsigned index)
+{
+    {
+        std::lock_guard lock(mutex_);
+        writers_.clear(); // with their open files
+    }
     Worker worker(*guest_);
     require(worker.unmount(folder(index)), "unmounting");
-    givenUp_.insert(index);
+}
+
+void Environment::mountAt(unsigned index, kernel_dev_t number)
+{
+    Worker worker(*guest_);
+    require(worker.remove(node(index)), "unlink");
+    devices_.at(index)->number = number;
+    addNode(worker, index);
+    require(mount(worker, index), "mount");
+}
+
+std::string Environment::diskName() const
+{
+    return diskFolder_.substr(diskFolder_.rfind('/') + 1);
 }
 
 std::string Environment::end()

@@ -49,6 +49,13 @@ public:
 
     // Unmounts the device's file system; what then becomes of it does not matter.
     void giveUp(unsigned index);
+    // Unmounts it, to be mounted again. Nobody may be writing.
+    void unmount(unsigned index);
+    // Mounts it at the block device of this number, which leads to the same blocks or has a copy of
+    // them: from now on the device is that one, in the guest.
+    void mountAt(unsigned index, kernel_dev_t number);
+    // What the guest's kernel calls the disk.
+    std::string diskName() const;
     // Unmounts and ends the guest. Empty, or what was not as it must be.
     std::string end();
     Guest &guest() { return *guest_; }
@@ -137,6 +144,7 @@ private:
     std::uint64_t offsetOf(unsigned index, std::uint32_t place) const; // on the disk
     void findDevices(Worker &worker);
     void mountAll(Worker &worker);
+    void addNode(Worker &worker, unsigned index);
 
     const Setting setting_;
     std::string diskFolder_; // in the guest's /sys

@@ -22,6 +22,7 @@
 #include "kernelLog.h"
 #include "kernelModules.h"
 #include "objectFile.h"
+#include "otherDisks.h"
 #include "partitionScenarios.h"
 #include "refusals.h"
 #include "selfChecks.h"
@@ -232,12 +233,8 @@ public:
         setting_.modulePath = "/zelmod.ko";
         setting_.fileSystem = options.fileSystem;
         setting_.has64Bits = vm::ObjectFile(setting_.module).has64Bits();
-        files_ = {{"init", contentsOf(options.guest)}};
-        if (!options.kernelModules.empty())
-            for (vm::GuestFile &file : vm::kernelModules(options.kernelModules))
-                files_.push_back(std::move(file));
-        writeInitramfs(setting_.initramfs,
-                       {{"zelsend", contentsOf(options.zelsend)}, {"zelmod.ko", setting_.module}});
+        files_ = {{"zelsend", contentsOf(options.zelsend)}, {"zelmod.ko", setting_.module}};
+        writeInitramfs(setting_.initramfs, files_);
         for (const std::string &path : {setting_.console, setting_.emulatorLog})
             std::ofstream(path, std::ios::trunc);
         log_.open("console.log", std::ios::trunc);
@@ -250,12 +247,19 @@ public:
             return skip(name, "calls are made to fail in a 32-bit kernel only");
         if (scenario.needs64Bits && !setting_.has64Bits)
             return skip(name, "a 32-bit kernel runs no 64-bit programs");
-        setting_.diskKind = disk;
-        setting_.mebibytes = scenario.mebibytes;
-        setting_.timeout = std::chrono::seconds(options_.timeout) + scenario.longer;
+        if (!scenario.drivers.empty() && options_.kernelModules.empty())
+            return skip(name, "the drivers that it needs are those of Debian's kernel");
+        vm::Setting setting = setting_;
+        setting.diskKind = disk;
+        setting.mebibytes = scenario.mebibytes;
+        setting.timeout = std::chrono::seconds(options_.timeout) + scenario.longer;
+        if (!scenario.drivers.empty()) {
+            setting.initramfs = "drivers.initramfs";
+            writeInitramfs(setting.initramfs, files_, scenario.drivers);
+        }
         auto begin = std::chrono::steady_clock::now();
         try {
-            std::string problem = runInGuest(setting_, scenario);
+            std::string problem = runInGuest(setting, scenario);
             std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
             report(name, problem, taken);
         } catch (const vm::NoDriver &reason) {
@@ -297,10 +301,14 @@ public:
     const Totals &totals() const { return totals_; }
 
 private:
-    // With these files and those that every boot has.
-    void writeInitramfs(const std::string &path, std::vector<vm::GuestFile> files) const
+    // With these files, the first program, and these drivers besides those that every boot has.
+    void writeInitramfs(const std::string &path, std::vector<vm::GuestFile> files,
+                        const std::vector<std::string> &drivers = {}) const
     {
-        files.insert(files.end(), files_.begin(), files_.end());
+        files.push_back({"init", contentsOf(options_.guest)});
+        if (!options_.kernelModules.empty())
+            for (vm::GuestFile &file : vm::kernelModules(options_.kernelModules, drivers))
+                files.push_back(std::move(file));
         vm::writeInitramfs(path, files);
     }
 
@@ -327,7 +335,7 @@ private:
 
     const Options &options_;
     vm::Setting setting_;
-    std::vector<vm::GuestFile> files_;
+    std::vector<vm::GuestFile> files_; // of scenarios
     Totals totals_;
     std::ofstream log_;
 };
@@ -347,6 +355,8 @@ int runAll(const Options &options)
     for (vm::GuestScenario &scenario : vm::refusalScenarios())
         all.push_back(std::move(scenario));
     for (vm::GuestScenario &scenario : vm::partitionScenarios())
+        all.push_back(std::move(scenario));
+    for (vm::GuestScenario &scenario : vm::otherDiskScenarios())
         all.push_back(std::move(scenario));
     for (vm::GuestScenario &scenario : vm::zelsendScenarios(options.zel))
         all.push_back(std::move(scenario));

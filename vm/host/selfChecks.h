@@ -15,6 +15,9 @@ struct GuestScenario {
     unsigned mebibytes = 1024;              // of the guest's memory
     std::string failing = {};               // as scenario::Scenario has it
     bool needs64Bits = false;               // of the kernel
+    // Of Debian's kernel, to be loaded at the start; parameters may stand behind a name and a
+    // space.
+    std::vector<std::string> drivers = {};
 };
 
 std::vector<GuestScenario> selfChecks();

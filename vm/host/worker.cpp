@@ -105,6 +105,11 @@ int Worker::makeNode(const std::string &path, unsigned kind, unsigned major, uns
                                static_cast<std::uint32_t>(makedev(major, minor)));
 }
 
+int Worker::remove(const std::string &path)
+{
+    return process_.systemCall(SYS_unlink, text(0, path));
+}
+
 int Worker::mount(const std::string &device, const std::string &folder, const std::string &type,
                   const std::string &options)
 {

@@ -29,6 +29,7 @@ public:
     int writeInto(int file, const std::string &value);
     int makeFolder(const std::string &path);
     int makeNode(const std::string &path, unsigned kind, unsigned major, unsigned minor);
+    int remove(const std::string &path);
     int mount(const std::string &device, const std::string &folder, const std::string &type,
               const std::string &options);
     int unmount(const std::string &folder);
