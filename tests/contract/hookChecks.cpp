@@ -151,7 +151,8 @@ const char *wholeDisksBioIsNotRemapped(const Environment *environment)
     return nullptr;
 }
 
-// As a flush of the disk's cache is submitted. A disk may refuse it.
+// As a flush of the disk's cache is submitted. A disk may refuse it, and one without a cache need
+// not be asked.
 const char *bioWithoutContentsIsNotRemapped(const Environment *environment)
 {
     static Transfer transfer;
@@ -164,11 +165,9 @@ const char *bioWithoutContentsIsNotRemapped(const Environment *environment)
     bio_set_size(transfer.bio, 0);
     const char *unexpected = submitWatched(queue, &transfer);
     REQUIRE(unexpected == nullptr || transfer.error == -KERNEL_EOPNOTSUPP);
-    if (watch.calls != 0) { // else it was refused before
+    if (watch.calls != 0) {
         REQUIRE(watch.bdev == bdev);
         REQUIRE(watch.sector == 0);
-    } else {
-        REQUIRE(transfer.error == -KERNEL_EOPNOTSUPP);
     }
     transfer.finish();
     return nullptr;
