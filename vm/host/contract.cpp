@@ -6,10 +6,12 @@
 #include <optional>
 
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
 #include "contract/control.h"
+#include "guestDisk.h"
 #include "kernelLog.h"
 
 namespace vm
@@ -100,17 +102,19 @@ private:
 class Boot
 {
 public:
-    explicit Boot(const Setting &setting)
-        : setting_(setting), console_(setting.console), environment_(setting, layout),
+    explicit Boot(const ContractRun &run)
+        : setting_(run.setting), console_(setting_.console), environment_(setting_, layout),
           worker_(environment_.guest())
     {
+        if (run.inMemory)
+            moveToMemory();
         for (unsigned index : {unmounted, closed})
             environment_.giveUp(index);
         require(worker_.open(environment_.node(unmounted), O_RDWR) >= 0, "opening a partition");
         require(worker_.makeNode(controlNode, S_IFCHR, CONTRACT_MAJOR, 0) == 0, "mknod");
         require(worker_.makeNode(freeNode, S_IFCHR, CONTRACT_FREE_MAJOR, 0) == 0, "mknod");
-        require(worker_.loadModule(setting.modulePath,
-                                   static_cast<std::uint32_t>(setting.module.size())) == 0,
+        require(worker_.loadModule(setting_.modulePath,
+                                   static_cast<std::uint32_t>(setting_.module.size())) == 0,
                 "loading the checks");
         caller_.emplace(environment_);
     }
@@ -142,6 +146,23 @@ public:
     }
 
 private:
+    // All of the disk, its partition table included.
+    void moveToMemory()
+    {
+        constexpr unsigned all[] = {mounted, unmounted, closed};
+        for (unsigned index : all)
+            environment_.unmount(index);
+        int file = worker_.open(addDeviceNode(worker_, "ram0"), O_WRONLY);
+        const Disk &disk = environment_.disk();
+        require(worker_.writeAll(file, disk.contents(0, disk.size())) == 0, "copying the disk");
+        require(worker_.control(file, BLKRRPART) == 0, "reading its partitions");
+        worker_.close(file);
+        for (unsigned index : all) {
+            std::string partition = "ram0p" + std::to_string(index + 1);
+            environment_.mountAt(index, numberOfDevice(worker_, partition));
+        }
+    }
+
     const Setting &setting_;
     ConsoleReader console_;
     Environment environment_;
@@ -170,7 +191,7 @@ CheckResult watched(Boot &boot, const std::string &name, const std::function<std
 // Runs the checks from this number on, until one does not hold; the next one's number then.
 std::optional<unsigned> runSome(const ContractRun &run, unsigned next)
 {
-    Boot boot(run.setting);
+    Boot boot(run);
     bool ran = false;
     for (; std::optional<std::string> name = boot.caller().name(next); next++) {
         if (!run.chosen(contractPrefix + *name))

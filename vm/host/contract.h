@@ -22,7 +22,13 @@ struct ContractRun {
     std::function<void(const CheckResult &)> report;
     // A boot is over, and its console complete.
     std::function<void()> booted;
+    // The devices are partitions of a disk in the guest's memory, whose driver takes bios itself;
+    // the guest has loaded that driver (memoryDriver).
+    bool inMemory = false;
 };
+
+// As GuestScenario has drivers.
+constexpr const char *memoryDriver = "brd rd_nr=1 rd_size=65536 max_part=16";
 
 // Each check's name here begins with this.
 constexpr const char *contractPrefix = "Contract.";

@@ -34,4 +34,10 @@ struct GuestDisk {
 GuestDisk findDisk(Worker &worker, const std::string &diskKind,
                    const std::vector<unsigned> &partitions);
 
+// The number of a block device, by the name that the guest's kernel has or will soon have for it.
+// Throws std::runtime_error where it has none.
+kernel_dev_t numberOfDevice(Worker &worker, const std::string &name);
+// Its new node in the guest.
+std::string addDeviceNode(Worker &worker, const std::string &name);
+
 } // namespace vm

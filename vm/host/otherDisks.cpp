@@ -1,15 +1,13 @@
 #include "otherDisks.h"
 
-#include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <functional>
 
 #include <fcntl.h>
 #include <linux/loop.h>
-#include <sys/stat.h>
 
 #include "deviceMapper.h"
+#include "guestDisk.h"
 #include "scenario/chain.h"
 #include "zelmod.h"
 
@@ -21,34 +19,6 @@ namespace
 using scenario::Chain;
 using scenario::expect;
 using scenario::expectEqual;
-
-// The number of a block device, as the guest's /sys names it; what appears soon is waited for.
-kernel_dev_t numberOf(Environment &env, const std::string &name)
-{
-    constexpr unsigned attempts = 100;
-    constexpr unsigned pause = 100000; // microseconds
-    Worker worker(env.guest());
-    unsigned major = 0;
-    unsigned minor = 0;
-    for (unsigned attempt = 0; attempt < attempts; attempt++) {
-        if (std::sscanf(worker.read("/sys/class/block/" + name + "/dev").c_str(), "%u:%u", &major,
-                        &minor) == 2)
-            return major << 20 | minor;
-        env.pause(pause);
-    }
-    throw std::runtime_error("the guest has no block device " + name);
-}
-
-// A node for it, with the same name.
-std::string addNode(Environment &env, const std::string &name)
-{
-    kernel_dev_t number = numberOf(env, name);
-    Worker worker(env.guest());
-    std::string path = "/dev/" + name;
-    expectEqual(worker.makeNode(path, S_IFBLK, deviceMajor(number), deviceMinor(number)), 0,
-                "the result of mknod");
-    return path;
-}
 
 unsigned countOf(const std::string &text, const std::string &part)
 {
@@ -63,7 +33,8 @@ unsigned countOf(const std::string &text, const std::string &part)
 void expectRefused(Environment &env, const std::string &name, const std::string &reason)
 {
     const kernel_dev_t own = env.device(0);
-    const kernel_dev_t refused = numberOf(env, name);
+    Worker worker(env.guest());
+    const kernel_dev_t refused = numberOfDevice(worker, name);
     const std::size_t before = env.kernelLog().size();
     expectEqual(env.load(), 0, "the result of loading");
     env.mountAt(0, refused);
@@ -101,21 +72,11 @@ void refusesZonedDisk(Environment &env)
     const std::string name = "nullb0";
     env.unmount(0);
     scenario::Image contents = env.contents(0);
-    std::string node = addNode(env, name);
-    {
-        Worker worker(env.guest());
-        int file = worker.open(node, O_WRONLY);
-        expect(file >= 0, "the zoned disk to open");
-        constexpr std::size_t piece = 256 * 1024;
-        for (std::size_t at = 0; at < contents.size(); at += piece) {
-            auto from = contents.begin() + static_cast<std::ptrdiff_t>(at);
-            auto length = std::min(piece, contents.size() - at);
-            expectEqual(
-                worker.writeAt(file, at, {from, from + static_cast<std::ptrdiff_t>(length)}, false),
-                0, "the result of copying the file system");
-        }
-        worker.close(file);
-    }
+    Worker worker(env.guest());
+    int file = worker.open(addDeviceNode(worker, name), O_WRONLY);
+    expect(file >= 0, "the zoned disk to open");
+    expectEqual(worker.writeAll(file, contents), 0, "the result of copying the file system");
+    expectEqual(worker.close(file), 0, "the result of closing the zoned disk");
     expectRefused(env, name, "it is zoned, ");
 }
 
@@ -164,7 +125,9 @@ private:
 void refusesPartitionOfAnotherNumber(Environment &env)
 {
     env.unmount(0);
-    LoopDevice loop(env.guest(), addNode(env, "loop0"), addNode(env, env.diskName()));
+    Worker worker(env.guest());
+    std::string node = addDeviceNode(worker, "loop0");
+    LoopDevice loop(env.guest(), node, addDeviceNode(worker, env.diskName()));
     expectRefused(env, "loop0p1", "its device number ");
 }
 
@@ -218,7 +181,8 @@ void suspendedMappedDevice(Environment &env)
                             std::to_string(deviceMajor(disk)) + ":" +
                                 std::to_string(deviceMinor(disk)) + " 0");
         expectEqual(env.load(), 0, "the result of loading");
-        env.mountAt(0, numberOf(env, "dm-0"));
+        Worker worker(env.guest());
+        env.mountAt(0, numberOfDevice(worker, "dm-0"));
         // The file system knows its file from now on, and reads nothing for a write to it.
         env.write(0, 50, 30);
         env.sync(0);

@@ -23,12 +23,7 @@ void expectRefused(Environment &env, const std::string &image, const std::string
     Worker worker(env.guest());
     int file = worker.open(path, O_CREAT | O_TRUNC | O_WRONLY);
     expect(file >= 0, "a file for the image");
-    constexpr std::size_t piece = 512 * 1024;
-    for (std::size_t at = 0; at < image.size(); at += piece) {
-        std::string bytes = image.substr(at, piece);
-        expectEqual(worker.writeAt(file, at, {bytes.begin(), bytes.end()}, false), 0,
-                    "the result of writing it");
-    }
+    expectEqual(worker.writeAll(file, {image.begin(), image.end()}), 0, "the result of writing it");
     worker.close(file);
     std::size_t before = env.kernelLog().size();
     expectEqual(worker.loadModule(path, static_cast<std::uint32_t>(image.size())), -ENOEXEC,

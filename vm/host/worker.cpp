@@ -1,5 +1,6 @@
 #include "worker.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -157,6 +158,19 @@ int Worker::writeAt(int file, std::uint64_t offset, const std::vector<unsigned c
     if (count < 0)
         return count;
     return static_cast<std::uint32_t>(count) == length ? 0 : -EIO;
+}
+
+int Worker::writeAll(int file, const std::vector<unsigned char> &bytes)
+{
+    constexpr std::size_t piece = 512 * 1024;
+    for (std::size_t at = 0; at < bytes.size(); at += piece) {
+        auto from = bytes.begin() + static_cast<std::ptrdiff_t>(at);
+        auto length = static_cast<std::ptrdiff_t>(std::min(piece, bytes.size() - at));
+        int result = writeAt(file, at, {from, from + length}, false);
+        if (result != 0)
+            return result;
+    }
+    return 0;
 }
 
 int Worker::readDirect(int file, std::uint64_t offset, std::uint32_t bytes)

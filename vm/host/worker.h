@@ -38,6 +38,8 @@ public:
     // if asked for. -EIO too if not all was written.
     int writeAt(int file, std::uint64_t offset, const std::vector<unsigned char> &bytes,
                 bool direct);
+    // All of the file, from its beginning.
+    int writeAll(int file, const std::vector<unsigned char> &bytes);
     // A direct read, whose bytes are not looked at.
     int readDirect(int file, std::uint64_t offset, std::uint32_t bytes);
     int control(int file, std::uint32_t command)
