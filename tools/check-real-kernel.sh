@@ -19,7 +19,7 @@ scenarios=(EnvironmentMissesLostWrites FullAndIncrementalChain UnloadWithSession
 ideScenarios=(Contract EnvironmentGoesOnWithoutTranslations FullAndIncrementalChain
     RefusesAPartitionOfAnotherNumber WriteStormWithCloseInTheMiddle)
 virtioScenarios=(BackupOfASuspendedMappedDevice Contract BlockSizesOnPartitionsAtAnySector CacheOverflow
-    RefusesAZonedDisk ZelsendChain SoakOf2CyclesIn96MiB)
+    RefusesAZonedDisk ZelsendChain SoakOf2CyclesInLittleMemory)
 
 skip()
 {

@@ -254,7 +254,7 @@ public:
             return skip(name, "the drivers that it needs are those of Debian's kernel");
         vm::Setting setting = setting_;
         setting.diskKind = disk;
-        setting.mebibytes = scenario.mebibytes;
+        setting.mebibytes = setting_.has64Bits ? scenario.mebibytesWith64Bits : scenario.mebibytes;
         setting.timeout = std::chrono::seconds(options_.timeout) + scenario.longer;
         if (!scenario.drivers.empty()) {
             setting.initramfs = "drivers.initramfs";

@@ -12,9 +12,10 @@ struct GuestScenario {
     scenario::Layout layout;
     std::function<void(Environment &)> run; // throws scenario::Failure
     std::chrono::seconds longer{0};         // than the time that any scenario has
-    unsigned mebibytes = 1024;              // of the guest's memory
-    std::string failing = {};               // as scenario::Scenario has it
-    bool needs64Bits = false;               // of the kernel
+    unsigned mebibytes = 1024;              // of the guest's memory, with a kernel of 32 bits
+    unsigned mebibytesWith64Bits = 1024;
+    std::string failing = {}; // as scenario::Scenario has it
+    bool needs64Bits = false; // of the kernel
     // Of Debian's kernel, to be loaded at the start; parameters may stand behind a name and a
     // space.
     std::vector<std::string> drivers = {};

@@ -31,7 +31,9 @@ constexpr unsigned ownDevice = 2; // is not theirs
 constexpr unsigned tracked = 3;
 constexpr unsigned writers = 4;
 constexpr unsigned fewWrites = 5;
-constexpr unsigned littleMemory = 96; // MiB
+// MiB; the kernels themselves take this differently.
+constexpr unsigned littleMemory = 96;
+constexpr unsigned littleMemoryWith64Bits = 160;
 constexpr const char *longestRequest = "max_sectors_kb";
 
 // One device's backup in a cycle.
@@ -348,9 +350,10 @@ std::vector<GuestScenario> soakScenarios(unsigned cycles)
     auto run = [cycles](Environment &env) { soak(env, cycles); };
     std::string name = "SoakOf" + std::to_string(cycles) + "Cycles";
     std::chrono::seconds longer = (cycles + kinds) * most;
-    return {
-        {name, layout, run, longer},
-        {name + "In" + std::to_string(littleMemory) + "MiB", layout, run, longer, littleMemory}};
+    GuestScenario withLittle{name + "InLittleMemory", layout, run, longer};
+    withLittle.mebibytes = littleMemory;
+    withLittle.mebibytesWith64Bits = littleMemoryWith64Bits;
+    return {{name, layout, run, longer}, withLittle};
 }
 
 } // namespace vm
