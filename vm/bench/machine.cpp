@@ -5,8 +5,6 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <stdexcept>
 
@@ -14,6 +12,7 @@
 #include <sys/syscall.h>
 
 #include "vm/host/guestProgram.h"
+#include "vm/host/hostFile.h"
 #include "vm/host/initramfs.h"
 #include "vm/host/kernelLog.h"
 #include "vm/host/kernelModules.h"
@@ -41,14 +40,6 @@ constexpr std::chrono::seconds timeout{7200};
 const std::vector<std::string> neededModules = {"brd rd_size=" + std::to_string(storeBytes / 1024),
                                                 "dm_snapshot"};
 
-std::string contentsOf(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        throw std::runtime_error(path + ": cannot be read");
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
 MemoryDisk partitionedDisk()
 {
     const std::vector<MemoryDisk::Partition> partitions = {
@@ -71,12 +62,6 @@ MemoryDisk wholeDisk(std::uint64_t bytes)
 }
 
 } // namespace
-
-void require(int result, const std::string &what)
-{
-    if (result != 0)
-        throw std::runtime_error(what + " failed with " + std::to_string(result));
-}
 
 Machine::Machine(const MachineOptions &options)
 {

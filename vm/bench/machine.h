@@ -106,7 +106,4 @@ private:
     Area ramStore_;
 };
 
-// Throws if a call of the guest or of the module failed.
-void require(int result, const std::string &what);
-
 } // namespace vm

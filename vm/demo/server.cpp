@@ -4,13 +4,13 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 
 #include <sys/stat.h>
 
 #include "vm/host/diskImage.h"
 #include "vm/host/guestDisk.h"
+#include "vm/host/hostFile.h"
 #include "vm/host/initramfs.h"
 #include "vm/host/kernelLog.h"
 #include "vm/host/kernelModules.h"
@@ -30,14 +30,6 @@ constexpr const char *modulePath = "/zelmod.ko";
 constexpr const char *folder = "/mnt/1";
 constexpr unsigned controlMajor = 120;
 
-std::string contentsOf(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        throw std::runtime_error(path + ": cannot be read");
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
 Disk::Bytes bytesOf(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
@@ -46,12 +38,6 @@ Disk::Bytes bytesOf(const std::string &path)
     if (!in)
         throw std::runtime_error(path + ": cannot be read");
     return bytes;
-}
-
-void require(int result, const std::string &what)
-{
-    if (result < 0)
-        throw std::runtime_error("the guest: " + what + " failed with " + std::to_string(result));
 }
 
 GuestOptions guestOptions(const ServerOptions &options)

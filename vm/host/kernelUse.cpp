@@ -66,7 +66,7 @@ std::vector<SlabCache> readSlabCaches(Worker &worker)
     return parseSlabCaches(worker.read(slabFile));
 }
 
-int require(int result, const std::string &what)
+int requireShrunk(int result, const std::string &what)
 {
     if (result < 0)
         throw std::runtime_error("the guest does not shrink the slab cache " + what + ": " +
@@ -80,17 +80,17 @@ int require(int result, const std::string &what)
 // a file is to take some: all that is needed is open before.
 std::vector<SlabCache> shrunkSlabCaches(Worker &worker)
 {
-    int list = require(worker.open(slabFile, O_RDONLY), slabFile);
+    int list = requireShrunk(worker.open(slabFile, O_RDONLY), slabFile);
     std::vector<int> files;
     for (const SlabCache &cache : readSlabCaches(worker)) {
         if (cache.tunable)
-            require(worker.write(slabFile, cache.name + " 1 1 0"), cache.name);
+            requireShrunk(worker.write(slabFile, cache.name + " 1 1 0"), cache.name);
         else
-            files.push_back(require(
+            files.push_back(requireShrunk(
                 worker.open("/sys/kernel/slab/" + cache.name + "/shrink", O_WRONLY), cache.name));
     }
     for (int file : files)
-        require(worker.writeInto(file, "1"), "of file " + std::to_string(file));
+        requireShrunk(worker.writeInto(file, "1"), "of file " + std::to_string(file));
     std::string contents = worker.readRest(list);
     files.push_back(list);
     for (int file : files)

@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <map>
 #include <set>
 
@@ -18,6 +17,7 @@
 
 #include "contract.h"
 #include "environment.h"
+#include "hostFile.h"
 #include "initramfs.h"
 #include "kernelLog.h"
 #include "kernelModules.h"
@@ -33,6 +33,7 @@ namespace
 {
 
 using scenario::Scenario;
+using vm::contentsOf;
 
 struct Options {
     std::string kernel;
@@ -54,14 +55,6 @@ struct Totals {
     unsigned failed = 0;
     unsigned skipped = 0;
 };
-
-std::string contentsOf(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        throw std::runtime_error(path + ": cannot be read");
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 [[noreturn]] void usage()
 {

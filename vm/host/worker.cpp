@@ -27,6 +27,12 @@ unsigned char *pointer(std::uint32_t address)
 
 } // namespace
 
+void require(int result, const std::string &what)
+{
+    if (result != 0)
+        throw std::runtime_error("the guest: " + what + " failed with " + std::to_string(result));
+}
+
 std::uint32_t Worker::text(unsigned number, const std::string &value)
 {
     if (number >= texts || value.size() >= textBytes)

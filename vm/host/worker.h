@@ -11,6 +11,9 @@
 namespace vm
 {
 
+// Throws std::runtime_error unless the result of a call, of the guest's or of an agent in it, is 0.
+void require(int result, const std::string &what);
+
 // Each method is a system call or a few, and gives a negated errno if one failed.
 class Worker
 {
