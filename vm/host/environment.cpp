@@ -32,6 +32,7 @@ GuestOptions optionsOf(const Setting &setting)
                             setting.diskKind,    debuggerSocket,    setting.console,
                             setting.emulatorLog, setting.timeout,   setting.mebibytes};
     options.has64Bits = setting.has64Bits;
+    options.kernelOptions = setting.kernelOptions;
     return options;
 }
 

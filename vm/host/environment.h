@@ -34,6 +34,7 @@ struct Setting {
     std::chrono::seconds timeout{300};
     unsigned mebibytes = 1024; // of the guest's memory
     bool has64Bits = false;    // as GuestOptions has it
+    std::string kernelOptions; // likewise
 };
 
 // Whether failNth can make this kind fail with a module of 64 bits: not its calls, as what leads

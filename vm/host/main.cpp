@@ -242,11 +242,12 @@ public:
         if (setting_.has64Bits && !vm::canFailWith64Bits(scenario.failing))
             return skip(name, "calls are made to fail in a 32-bit kernel only");
         if (scenario.needs64Bits && !setting_.has64Bits)
-            return skip(name, "a 32-bit kernel runs no 64-bit programs");
+            return skip(name, "what it is about is for 64-bit kernels only");
         if (!scenario.drivers.empty() && options_.kernelModules.empty())
             return skip(name, "the drivers that it needs are those of Debian's kernel");
         vm::Setting setting = setting_;
         setting.diskKind = disk;
+        setting.kernelOptions = scenario.kernelOptions;
         setting.mebibytes = setting_.has64Bits ? scenario.mebibytesWith64Bits : scenario.mebibytes;
         setting.timeout = std::chrono::seconds(options_.timeout) + scenario.longer;
         if (!scenario.drivers.empty()) {

@@ -67,17 +67,30 @@ void expectRefused(Environment &env, const std::string &name, const std::string 
 constexpr const char *zonedDisk =
     "null_blk nr_devices=1 gb=1 memory_backed=1 zoned=1 zone_size=64 zone_nr_conv=8";
 
+// The device's file system is copied to the disk, which is refused.
+void refusesCopyOn(const std::string &name, const std::string &reason, Environment &env)
+{
+    env.unmount(0);
+    {
+        Worker worker(env.guest());
+        int file = worker.open(addDeviceNode(worker, name), O_WRONLY);
+        expect(file >= 0, "the disk to open");
+        expectEqual(worker.writeAll(file, env.contents(0)), 0,
+                    "the result of copying the file system");
+        expectEqual(worker.close(file), 0, "the result of closing the disk");
+    }
+    expectRefused(env, name, reason);
+}
+
 void refusesZonedDisk(Environment &env)
 {
-    const std::string name = "nullb0";
-    env.unmount(0);
-    scenario::Image contents = env.contents(0);
-    Worker worker(env.guest());
-    int file = worker.open(addDeviceNode(worker, name), O_WRONLY);
-    expect(file >= 0, "the zoned disk to open");
-    expectEqual(worker.writeAll(file, contents), 0, "the result of copying the file system");
-    expectEqual(worker.close(file), 0, "the result of closing the zoned disk");
-    expectRefused(env, name, "it is zoned, ");
+    refusesCopyOn("nullb0", "it is zoned, ", env);
+}
+
+// A part of the machine's memory, which programs can map: DAX.
+void refusesDiskOfMemory(Environment &env)
+{
+    refusesCopyOn("pmem0", "it can be written to as memory", env);
 }
 
 // A loop device that has a disk for its file, and that disk's partitions. While it lives.
@@ -214,11 +227,15 @@ std::vector<GuestScenario> otherDiskScenarios()
 {
     GuestScenario zoned = {"RefusesAZonedDisk", {1, {4096}, false}, refusesZonedDisk};
     zoned.drivers = {zonedDisk};
+    GuestScenario memory = {"RefusesADiskOfMemory", {1, {4096}, false}, refusesDiskOfMemory};
+    memory.drivers = {"nd_e820", "nd_pmem"};
+    memory.kernelOptions = "memmap=64M!768M";
+    memory.needs64Bits = true; // one of 32 lets nobody map it
     GuestScenario loop = {"RefusesAPartitionOfAnotherNumber", {}, refusesPartitionOfAnotherNumber};
     loop.drivers = {"loop"};
     GuestScenario mapped = {"BackupOfASuspendedMappedDevice", {}, suspendedMappedDevice};
     mapped.drivers = {"dm_mod"};
-    return {zoned, loop, mapped};
+    return {zoned, memory, loop, mapped};
 }
 
 } // namespace vm

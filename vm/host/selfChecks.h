@@ -19,6 +19,7 @@ struct GuestScenario {
     // Of Debian's kernel, to be loaded at the start; parameters may stand behind a name and a
     // space.
     std::vector<std::string> drivers = {};
+    std::string kernelOptions = {}; // as GuestOptions has them
 };
 
 std::vector<GuestScenario> selfChecks();
