@@ -26,6 +26,7 @@ constexpr std::uint32_t extraBlocks = 2 * journalBlocks + 64;
 
 constexpr const char *imageFile = "filesystem.image";
 constexpr const char *sourceFolder = "filesystem.files";
+constexpr const char *toolLog = "e2fsprogs.log";
 
 std::vector<unsigned char> contentsOf(const char *path)
 {
@@ -37,7 +38,7 @@ std::vector<unsigned char> contentsOf(const char *path)
 bool runTool(const std::string &command)
 {
     return std::system(
-               ("PATH=$PATH:/usr/sbin:/sbin " + command + " >e2fsprogs.log 2>&1").c_str()) == 0;
+               ("PATH=$PATH:/usr/sbin:/sbin " + command + " >" + toolLog + " 2>&1").c_str()) == 0;
 }
 
 // What mke2fs puts into a file system of this kind. Of ext4 it is what it always has, and all that
@@ -64,8 +65,10 @@ std::vector<unsigned char> makeFileSystem(const std::string &fileSystem, unsigne
     std::string options;
     if (fileBlocks != 0) {
         // Not zeros, which would become holes.
-        std::ofstream(fs::path(sourceFolder) / volumeFile, std::ios::binary)
-            << std::string(std::size_t{fileBlocks} * blockSize, '-');
+        std::ofstream file(fs::path(sourceFolder) / volumeFile, std::ios::binary);
+        file << std::string(std::size_t{fileBlocks} * blockSize, '-') << std::flush;
+        if (!file)
+            throw std::runtime_error(std::string(sourceFolder) + ": cannot be written to");
         options = std::string(" -d ") + sourceFolder;
     }
     options += " -b " + std::to_string(blockSize);
@@ -105,16 +108,24 @@ std::vector<unsigned char> fill(Volume &volume, const std::string &fileSystem)
     constexpr unsigned attempts = 4; // ext4 may need a block for what it knows of the file
     std::uint32_t free = freeBlocks(makeFileSystem(fileSystem, volume.blockSize, volume.blocks, 0));
     std::uint32_t most = fileSystem == "ext3" ? largestFile(free, volume.blockSize) : free;
+    std::string tried;
     for (unsigned i = 0; i < attempts; i++) {
         std::vector<unsigned char> contents =
             makeFileSystem(fileSystem, volume.blockSize, volume.blocks, most - i);
-        if (contents.empty())
+        tried += "\n    of " + std::to_string(most - i) + ": ";
+        if (contents.empty()) {
+            std::vector<unsigned char> said = contentsOf(toolLog);
+            tried.append(said.begin(), said.end());
             continue;
+        }
         volume.fileBlocks = firstFilesBlocks(contents);
         if (volume.fileBlocks.size() == most - i && volume.fileBlocks.back() == volume.blocks - 1)
             return contents;
+        tried += "has " + std::to_string(volume.fileBlocks.size()) + ", up to block " +
+                 std::to_string(volume.fileBlocks.empty() ? 0 : volume.fileBlocks.back());
     }
-    throw std::runtime_error("the file does not fill its file system");
+    throw std::runtime_error("no file fills all of the file system's " +
+                             std::to_string(volume.blocks) + " blocks:" + tried);
 }
 
 // One entry of a master boot record.
