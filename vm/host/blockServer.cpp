@@ -42,7 +42,7 @@ template<class T> T swapped(T value)
 class Connection
 {
 public:
-    Connection(int socket, Disk &disk) : socket_(socket), disk_(disk) {}
+    Connection(int socket, BlockStorage &disk) : socket_(socket), disk_(disk) {}
 
     void run()
     {
@@ -132,12 +132,12 @@ private:
     }
 
     int socket_;
-    Disk &disk_;
+    BlockStorage &disk_;
 };
 
 } // namespace
 
-BlockServer::BlockServer(Disk &disk, const std::string &path)
+BlockServer::BlockServer(BlockStorage &disk, const std::string &path)
     : disk_(disk), listener_(listenAt(path)), thread_([this] { serve(); })
 {
 }

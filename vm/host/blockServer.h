@@ -4,8 +4,8 @@
 #include <string>
 #include <thread>
 
+#include "blockStorage.h"
 #include "descriptor.h"
-#include "disk.h"
 
 namespace vm
 {
@@ -14,14 +14,14 @@ namespace vm
 class BlockServer
 {
 public:
-    BlockServer(Disk &disk, const std::string &path);
+    BlockServer(BlockStorage &disk, const std::string &path);
     ~BlockServer();
     BlockServer(const BlockServer &) = delete;
 
 private:
     void serve();
 
-    Disk &disk_;
+    BlockStorage &disk_;
     Descriptor listener_;
     std::thread thread_;
 };

@@ -8,13 +8,15 @@
 #include <mutex>
 #include <vector>
 
+#include "blockStorage.h"
+
 namespace vm
 {
 
 constexpr unsigned sectorBytes = 512;
 
 // Any thread may call these. Offsets and lengths are bytes.
-class Disk
+class Disk : public BlockStorage
 {
 public:
     using Bytes = std::vector<unsigned char>;
@@ -22,10 +24,10 @@ public:
     explicit Disk(Bytes contents) : bytes_(std::move(contents)) {}
     Disk(const Disk &) = delete;
 
-    std::uint64_t size() const { return bytes_.size(); }
-    // 0 or an errno value: EIO where reads are to fail, EINVAL past the end.
-    int read(std::uint64_t offset, void *to, std::size_t bytes);
-    int write(std::uint64_t offset, const void *from, std::size_t bytes);
+    std::uint64_t size() const override { return bytes_.size(); }
+    // EIO where they are to fail.
+    int read(std::uint64_t offset, void *to, std::size_t bytes) override;
+    int write(std::uint64_t offset, const void *from, std::size_t bytes) override;
     // Past the failures and the observer.
     Bytes contents(std::uint64_t offset, std::size_t bytes) const;
 
