@@ -1,5 +1,6 @@
 #!/bin/bash
-# Tests of what `make vm` refuses before it boots anything: its program, and the script that starts it.
+# Tests of what `make vm` and `make vm-bench` refuse before they boot anything: their programs, and the
+# script that starts them.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/../.."
 
@@ -28,6 +29,13 @@ refuses()
         --guest "$work/file" --zelsend "$work/file" --zel "$work/file" --folder "$work/run" "${@:3}"
 }
 
+# benchRefuses <what is said> <argument...>
+benchRefuses()
+{
+    says 2 "$1" build/i386/vm_bench --kernel "$work/file" --module "$work/file" --guest "$work/file" \
+        --bench-guest "$work/file" --folder "$work/run" "${@:2}"
+}
+
 for number in 0 -1 5x x "" 99999999999; do
     refuses 2 "--cycles $number: not a number above 0" --cycles "$number" SoakOf
     refuses 2 "--timeout $number: not a number above 0" --timeout "$number" FullAnd
@@ -38,6 +46,10 @@ says 1 "--architecture needs one of i386 and amd64, not ''" tools/vm.sh --archit
 for architecture in "" arm64; do
     says 1 "--architecture needs one of i386 and amd64, not '$architecture'" \
         tools/vm.sh --architecture "$architecture" "" "" FullAnd
+done
+
+for number in 0 -1 5x x "" 99999999999; do
+    benchRefuses "--rounds $number: not a number above 0" --rounds "$number"
 done
 
 [ "$failures" = 0 ] || exit 1

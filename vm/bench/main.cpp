@@ -3,6 +3,7 @@
  * kernel alone and with the kernel's own snapshots. A goal that is missed is said and is no
  * failure.
  */
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -13,6 +14,7 @@
 
 #include "machine.h"
 #include "subjects.h"
+#include "verdict.h"
 
 namespace
 {
@@ -29,6 +31,22 @@ struct Options {
                  "                --folder FOLDER [--kernel-modules FOLDER] [--rounds N]\n"
                  "                [--scheduler NAME] [--processors 1|2]\n";
     std::exit(2);
+}
+
+[[noreturn]] void refuse(const std::string &what)
+{
+    std::cerr << "vm: " << what << '\n';
+    std::exit(2);
+}
+
+unsigned positiveNumber(const std::string &option, const std::string &text)
+{
+    unsigned number = 0;
+    const char *end = text.data() + text.size();
+    auto [last, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc() || last != end || number == 0)
+        refuse("--" + option + " " + text + ": not a number above 0");
+    return number;
 }
 
 Options parse(int count, char **arguments)
@@ -53,13 +71,13 @@ Options parse(int count, char **arguments)
     int found = 0;
     while ((found = getopt_long(count, arguments, "", known, nullptr)) != -1) {
         if (found == 'r')
-            options.rounds = static_cast<unsigned>(std::atoi(optarg));
+            options.rounds = positiveNumber("rounds", optarg);
         else if (found == 's')
             options.machine.scheduler = optarg;
         else if (found == 'K')
             options.machine.kernelModules = std::filesystem::absolute(optarg);
         else if (found == 'p')
-            options.machine.processors = static_cast<unsigned>(std::atoi(optarg));
+            options.machine.processors = positiveNumber("processors", optarg);
         else if (paths.count(found) != 0)
             *paths[found] = std::filesystem::absolute(optarg);
         else
@@ -68,31 +86,9 @@ Options parse(int count, char **arguments)
     for (const auto &[letter, path] : paths)
         if (path->empty())
             usage();
-    if (optind != count || options.rounds == 0 || options.machine.processors == 0)
+    if (optind != count || options.machine.processors > 2)
         usage();
     return options;
-}
-
-// Where the quartiles lie on both sides of a goal, the rounds differ too much to tell.
-const char *verdict(const vm::Goal &goal)
-{
-    if (goal.least == 0)
-        return "the noise";
-    bool met = vm::median(goal.byRate) >= goal.least;
-    bool sure = (vm::quantile(goal.byRate, met ? 0.25 : 0.75) >= goal.least) == met;
-    if (met)
-        return sure ? "met" : "met, within the noise";
-    return sure ? "MISSED" : "MISSED, within the noise";
-}
-
-// That the large file system is frozen for no longer than the small one, but for a tick of the
-// clock.
-const char *verdict(const vm::FreezeTimes &times)
-{
-    if (vm::median(times.large) <= vm::median(times.small) + times.tick)
-        return "met";
-    bool sure = vm::quantile(times.large, 0.25) > vm::quantile(times.small, 0.75);
-    return sure ? "MISSED" : "MISSED, within the noise";
 }
 
 void print(const vm::Goals &goals, const vm::FreezeTimes &freezes)
@@ -102,10 +98,11 @@ void print(const vm::Goals &goals, const vm::FreezeTimes &freezes)
     for (const vm::Goal &goal : goals)
         std::printf("%-50s %-22s %-22s %4s: %s\n", goal.what.c_str(),
                     vm::withSpread(goal.byRate, 2).c_str(), vm::withSpread(goal.byWork, 2).c_str(),
-                    goal.least == 0 ? "" : vm::format("%.2f", goal.least).c_str(), verdict(goal));
+                    goal.least == 0 ? "" : vm::format("%.2f", goal.least).c_str(),
+                    vm::verdict(goal));
     std::printf("%-50s %-22s to %-25s %s\n", "time frozen, ms, 1 GiB to 64 GiB: no growth",
                 vm::withSpread(freezes.small, 1).c_str(), vm::withSpread(freezes.large, 1).c_str(),
-                verdict(freezes));
+                vm::verdict(freezes));
 }
 
 double loadAverage()
