@@ -48,6 +48,9 @@ for architecture in "" arm64; do
         tools/vm.sh --architecture "$architecture" "" "" FullAnd
 done
 
+for time in -1 8ms ms "" nan inf 1e1 101; do
+    benchRefuses "--service-time $time: not a number of milliseconds up to 100" --service-time "$time"
+done
 for number in 0 -1 5x x "" 99999999999; do
     benchRefuses "--rounds $number: not a number above 0" --rounds "$number"
 done

@@ -34,6 +34,8 @@ constexpr const char *modulePath = "/zelmod.ko";
 constexpr const char *program = "/bench";
 constexpr unsigned controlMajor = 120;
 constexpr std::chrono::seconds timeout{7200};
+// By how much the guest's clock may go slow or fast.
+constexpr double clockTolerance = 1.02;
 
 // What is needed of the kernel besides a disk's and a file system's drivers (ext4's is ext3's,
 // too).
@@ -63,7 +65,7 @@ MemoryDisk wholeDisk(std::uint64_t bytes)
 
 } // namespace
 
-Machine::Machine(const MachineOptions &options)
+Machine::Machine(const MachineOptions &options) : serviceTime_(options.serviceTime)
 {
     std::string module = contentsOf(options.module);
     moduleBytes_ = static_cast<std::uint32_t>(module.size());
@@ -87,8 +89,8 @@ Machine::Machine(const MachineOptions &options)
     guest.console = console;
     guest.emulatorLog = emulatorLog;
     guest.timeout = timeout;
-    for (const MemoryDisk &disk : disks_)
-        guest.drives.push_back(disk.drive());
+    for (MemoryDisk &disk : disks_)
+        guest.drives.push_back(drive(disk));
     guest.kernelOptions = "ramdisk_size=" + std::to_string(storeBytes / 1024) +
                           " maxcpus=" + std::to_string(options.processors);
     guest_ = bootGuest(guest);
@@ -107,6 +109,20 @@ Machine::Machine(const MachineOptions &options)
     for (std::string disk : {"vda", "vdb", "vdc"})
         require(worker_->write("/sys/block/" + disk + "/queue/scheduler", options.scheduler),
                 "choosing the scheduler " + options.scheduler);
+}
+
+std::string Machine::drive(MemoryDisk &disk)
+{
+    if (!isSlow())
+        return disk.drive();
+    std::string socket = "disk" + std::to_string(servers_.size()) + ".socket";
+    servers_.push_back(std::make_unique<SlowServer>(disk, serviceTime_, socket));
+    return "file=nbd+unix:///?socket=" + socket + ",format=raw,if=virtio,cache=unsafe";
+}
+
+Samples Machine::served() const
+{
+    return servers_.empty() ? Samples() : servers_.front()->disk.served();
 }
 
 std::string Machine::addNode(const std::string &disk, unsigned partition, kernel_dev_t *number)
@@ -164,7 +180,9 @@ Measured Machine::measure(const std::vector<std::string> &arguments)
     Measured measured;
     DiskCounts disk = diskCounts();
     double work = guest_->processorTime();
+    auto begin = std::chrono::steady_clock::now();
     ProgramResult result = runProgram(*guest_, all);
+    std::chrono::duration<double> whole = std::chrono::steady_clock::now() - begin;
     measured.work = guest_->processorTime() - work;
     DiskCounts after = diskCounts();
     measured.disk = {after.reads - disk.reads, after.readBytes - disk.readBytes,
@@ -178,18 +196,27 @@ Measured Machine::measure(const std::vector<std::string> &arguments)
         measured.each.push_back(nanoseconds / 1e3);
     if (measured.each.empty())
         throw std::runtime_error("the measuring program has measured nothing");
+    if (measured.seconds > whole.count() * clockTolerance)
+        throw std::runtime_error(
+            format("the guest measures %.3f s where the host does %.3f s with the program's start",
+                   measured.seconds, whole.count()));
     return measured;
 }
 
 Measured Machine::transfers(const char *kind, const Area &area, std::uint32_t bytes,
-                            std::uint32_t requests, std::uint32_t processes, std::uint32_t seed)
+                            std::uint32_t requests, std::uint32_t processes, std::uint32_t seed,
+                            std::uint32_t times)
 {
     Measured measured =
         measure({kind, area.node, std::to_string(area.start), std::to_string(area.bytes),
                  std::to_string(bytes), std::to_string(requests), std::to_string(processes),
-                 std::to_string(seed)});
-    if (measured.each.size() != requests)
+                 std::to_string(seed), std::to_string(times)});
+    if (measured.each.size() != std::size_t{requests} * times)
         throw std::runtime_error("the measuring program has measured other requests");
+    // Each waits for the disk at least once.
+    if (quantile(measured.each, 0) * clockTolerance < serviceTime_.count() * 1e3)
+        throw std::runtime_error(format("the guest measures %.3f ms for a request of %.3f ms",
+                                        quantile(measured.each, 0) / 1e3, serviceTime_.count()));
     return measured;
 }
 

@@ -8,7 +8,9 @@
 
 #include "memoryDisk.h"
 #include "samples.h"
+#include "slowDisk.h"
 #include "tests/support/agent.h"
+#include "vm/host/blockServer.h"
 #include "vm/host/guest.h"
 #include "vm/host/worker.h"
 
@@ -23,6 +25,7 @@ struct MachineOptions {
     std::string benchGuest;
     std::string scheduler; // of the disks' requests, as the kernel names it
     unsigned processors = 1;
+    double serviceTime = 0; // of each request to a disk, in milliseconds
 };
 
 // A device of the guest that transfers go to, and where on it.
@@ -49,6 +52,9 @@ struct Measured {
 };
 
 /*
+ * The disks lie in the host's memory. Where a request is to take time, they are served by this
+ * program and one request after the other; otherwise by the emulator, as fast as it can.
+ *
  * The first disk has three partitions: one with a file system on its first part, which is mounted,
  * and behind it an area that the file system does not know; one of that area's size; and one for
  * what a snapshot saves. Two more disks have a file system each that fills them, 1 and 64 GiB.
@@ -65,6 +71,11 @@ public:
     // guest does if it fails.
     void end();
 
+    // Whether the disks' requests take time.
+    bool isSlow() const { return serviceTime_ != SlowDisk::Time::zero(); }
+    // What the first disk's requests have really taken, in milliseconds; empty if they take none.
+    Samples served() const;
+
     Guest &guest() { return *guest_; }
     Worker &worker() { return *worker_; }
 
@@ -80,9 +91,11 @@ public:
 
     // Runs the program that measures.
     Measured measure(const std::vector<std::string> &arguments);
-    // Of `requests` of `bytes` in an area; seed 0 is one after the other, any other at random.
+    // Of `requests` of `bytes` in an area, the same so many times over; seed 0 is one after the
+    // other, any other at random.
     Measured transfers(const char *kind, const Area &area, std::uint32_t bytes,
-                       std::uint32_t requests, std::uint32_t processes, std::uint32_t seed);
+                       std::uint32_t requests, std::uint32_t processes, std::uint32_t seed,
+                       std::uint32_t times = 1);
 
     // The number behind the last such text in the kernel's log.
     double logged(const std::string &text) const;
@@ -94,9 +107,23 @@ private:
     DiskCounts diskCounts();
     std::string addNode(const std::string &disk, unsigned partition, kernel_dev_t *number);
     void mount(Volume volume, const std::string &node);
+    // How the emulator gets at the disk.
+    std::string drive(MemoryDisk &disk);
 
+    struct SlowServer {
+        SlowServer(MemoryDisk &memory, SlowDisk::Time time, const std::string &socket)
+            : disk(memory, time), server(disk, socket)
+        {
+        }
+        SlowDisk disk;
+        BlockServer server;
+    };
+
+    const SlowDisk::Time serviceTime_;
     std::uint32_t moduleBytes_ = 0;
     std::vector<MemoryDisk> disks_;
+    // Each serves until the emulator has ended.
+    std::vector<std::unique_ptr<SlowServer>> servers_;
     std::unique_ptr<Guest> guest_;
     std::unique_ptr<Worker> worker_;
     kernel_dev_t devices_[3] = {};

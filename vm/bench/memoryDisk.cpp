@@ -12,7 +12,7 @@ namespace vm
 {
 
 // The descriptor stays open in the emulator and in the shell that makes a file system.
-MemoryDisk::MemoryDisk(std::uint64_t bytes) : memory_(::memfd_create("disk", 0))
+MemoryDisk::MemoryDisk(std::uint64_t bytes) : bytes_(bytes), memory_(::memfd_create("disk", 0))
 {
     if (memory_.get() < 0 || ::ftruncate(memory_.get(), static_cast<off_t>(bytes)) != 0)
         throwErrno("a disk in memory");
@@ -28,11 +28,27 @@ std::string MemoryDisk::drive() const
     return "file=" + path() + ",format=raw,if=virtio,cache=unsafe,file.locking=off";
 }
 
-void MemoryDisk::write(std::uint64_t offset, const void *from, std::size_t bytes)
+int MemoryDisk::read(std::uint64_t offset, void *to, std::size_t bytes)
 {
-    if (::pwrite(memory_.get(), from, bytes, static_cast<off_t>(offset)) !=
-        static_cast<ssize_t>(bytes))
-        throwErrno("writing to a disk in memory");
+    if (offset > bytes_ || bytes > bytes_ - offset)
+        return EINVAL;
+    ssize_t done = ::pread(memory_.get(), to, bytes, static_cast<off_t>(offset));
+    return done == static_cast<ssize_t>(bytes) ? 0 : EIO;
+}
+
+int MemoryDisk::write(std::uint64_t offset, const void *from, std::size_t bytes)
+{
+    if (offset > bytes_ || bytes > bytes_ - offset)
+        return EINVAL;
+    ssize_t done = ::pwrite(memory_.get(), from, bytes, static_cast<off_t>(offset));
+    return done == static_cast<ssize_t>(bytes) ? 0 : EIO;
+}
+
+void MemoryDisk::put(std::uint64_t offset, const void *from, std::size_t bytes)
+{
+    int failure = write(offset, from, bytes);
+    if (failure != 0)
+        throw std::system_error(failure, std::generic_category(), "writing to a disk in memory");
 }
 
 void MemoryDisk::partition(const std::vector<Partition> &partitions)
@@ -50,7 +66,7 @@ void MemoryDisk::partition(const std::vector<Partition> &partitions)
     }
     record[510] = 0x55;
     record[511] = 0xaa;
-    write(0, record, sizeof(record));
+    put(0, record, sizeof(record));
 }
 
 void MemoryDisk::makeFileSystem(std::uint64_t start, std::uint64_t bytes)
@@ -67,7 +83,7 @@ void MemoryDisk::fill(std::uint64_t start, std::uint64_t bytes)
 {
     std::vector<unsigned char> piece(1 << 20, 'f');
     for (std::uint64_t done = 0; done < bytes; done += piece.size())
-        write(start + done, piece.data(), piece.size());
+        put(start + done, piece.data(), piece.size());
 }
 
 } // namespace vm

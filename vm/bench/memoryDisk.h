@@ -1,17 +1,18 @@
-/* Disks of the guest that lie in memory, written to by the emulator itself. */
+/* Disks of the guest that lie in memory. */
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "vm/host/blockStorage.h"
 #include "vm/host/descriptor.h"
 
 namespace vm
 {
 
 // Offsets and lengths are bytes.
-class MemoryDisk
+class MemoryDisk : public BlockStorage
 {
 public:
     // Takes memory only where it has been written to.
@@ -28,13 +29,18 @@ public:
     // Writes to all of it.
     void fill(std::uint64_t start, std::uint64_t bytes);
 
-    // The emulator's option.
+    std::uint64_t size() const override { return bytes_; }
+    int read(std::uint64_t offset, void *to, std::size_t bytes) override;
+    int write(std::uint64_t offset, const void *from, std::size_t bytes) override;
+
+    // The emulator's option, for a disk that it reads and writes itself.
     std::string drive() const;
 
 private:
     std::string path() const;
-    void write(std::uint64_t offset, const void *from, std::size_t bytes);
+    void put(std::uint64_t offset, const void *from, std::size_t bytes);
 
+    std::uint64_t bytes_;
     Descriptor memory_;
 };
 

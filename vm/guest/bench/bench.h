@@ -34,7 +34,8 @@ void *sharedMemory(uint32_t bytes);
 // Says on standard error what went wrong, and ends the program.
 [[noreturn]] void fail(const char *what);
 
-// Direct reads or writes of a device: `requests` of `bytes` each, which `processes` share.
+// Direct reads or writes of a device: `requests` of `bytes` each, the same `times` over, which
+// `processes` share.
 struct Transfers {
     bool write;
     const char *device;
@@ -44,6 +45,7 @@ struct Transfers {
     uint32_t requests;
     uint32_t processes;
     uint32_t seed; // of their order, no two to one place; 0: one after the other
+    uint32_t times;
 };
 int measureTransfers(const Transfers &transfers);
 

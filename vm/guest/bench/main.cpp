@@ -89,10 +89,10 @@ int main(int count, char **argument)
     const char *what = count > 1 ? argument[1] : "";
     char **a = argument + 2;
     int code = 2;
-    if (count == 9 && (strcmp(what, "write") == 0 || strcmp(what, "read") == 0))
+    if (count == 10 && (strcmp(what, "write") == 0 || strcmp(what, "read") == 0))
         code = vm::measureTransfers({strcmp(what, "write") == 0, a[0], strtoull(a[1], nullptr, 10),
                                      strtoull(a[2], nullptr, 10), number(a[3]), number(a[4]),
-                                     number(a[5]), number(a[6])});
+                                     number(a[5]), number(a[6]), number(a[7])});
     else if (count == 7 && strcmp(what, "backup") == 0)
         code = vm::measureBackupReads(
             {number(a[0]), number(a[1]), number(a[2]), number(a[3]), number(a[4])});

@@ -58,8 +58,9 @@ Span work(const Transfers &transfers, const uint32_t *places, uint32_t process, 
         fail("waiting for the others");
     Span span = {now(), 0};
     uint64_t before = span.begin;
-    for (uint32_t i = process; i < transfers.requests; i += transfers.processes) {
-        auto offset = static_cast<off_t>(transfers.start + uint64_t{places[i]} * transfers.bytes);
+    for (uint32_t i = process; i < times.count(); i += transfers.processes) {
+        uint32_t place = places[i % transfers.requests];
+        auto offset = static_cast<off_t>(transfers.start + uint64_t{place} * transfers.bytes);
         ssize_t done = transfers.write ? pwrite(file, bytes, transfers.bytes, offset)
                                        : pread(file, bytes, transfers.bytes, offset);
         if (done != static_cast<ssize_t>(transfers.bytes))
@@ -77,7 +78,7 @@ Span work(const Transfers &transfers, const uint32_t *places, uint32_t process, 
 int measureTransfers(const Transfers &transfers)
 {
     const uint32_t *places = placesOf(transfers);
-    Times times(transfers.requests);
+    Times times(transfers.requests * transfers.times);
     auto *spans = static_cast<Span *>(sharedMemory(transfers.processes * sizeof(Span)));
     int gate[2];
     if (pipe(gate) != 0)
