@@ -91,7 +91,7 @@ public:
         if (snapshots_)
             all.insert(all.end(), {&ramFirst_, &ramSecond_, &diskFirst_, &diskSecond_});
         for (const Series *series : all)
-            std::printf("%-34s %-24s %8.0f %8.0f %10.0f %11.1f %7.1f\n", series->name,
+            std::printf("%-34s %-24s %8.0f %8.0f %10.0f %11.2f %7.2f\n", series->name,
                         withSpread(series->rate, workload_.bytes > blockBytes ? 1 : 0).c_str(),
                         median(series->each), quantile(series->each, 0.99), median(series->work),
                         median(series->reads), median(series->writes));
