@@ -78,4 +78,4 @@ hook: ## run the lint script before each commit in this clone
 clean: ## remove what was built (keeps downloads and the machine's disk)
 	@rm -rf build/i386 build/tsan build/asan build/native build/release build/fuzz \
 		build/kernel-objects build/module build/module-amd64 build/vm build/vm-bench build/vm-demo \
-		build/package build/packages
+		build/package build/packages build/real-kernel build/*.lock

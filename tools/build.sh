@@ -5,6 +5,10 @@ cd "$(dirname "$(readlink -f "$0")")/.."
 
 build=$1
 shift
+# One at a time in each folder, as several checks may run side by side.
+mkdir -p build
+exec {lock}>"build/$build.lock"
+flock "$lock"
 if [ ! -f "build/$build/build.ninja" ]; then
     # CMake keeps the flags of its first run; start anew if that one did not end well.
     rm -rf "build/$build"
