@@ -6,7 +6,7 @@
 #   tools/vm.sh [--architecture i386|amd64] [<kernel> [<module>]] [--disk ide|virtio]...
 #               [--timeout seconds] [--cycles count] [name...]
 #   tools/vm.sh --bench [<kernel> [<module>]] [--rounds N] [--scheduler NAME] [--processors 1|2]
-#               [--service-time MILLISECONDS]
+#               [--disk rotating|memory]
 #   tools/vm.sh --demo <kernel> <module> --image FILE --points N [--disk ide|virtio]
 #
 # Kernel and module may be empty. Without a kernel it is Debian 12's current one for the architecture

@@ -48,8 +48,8 @@ for architecture in "" arm64; do
         tools/vm.sh --architecture "$architecture" "" "" FullAnd
 done
 
-for time in -1 8ms ms "" nan inf 1e1 101; do
-    benchRefuses "--service-time $time: not a number of milliseconds up to 100" --service-time "$time"
+for disk in virtio rotatin ""; do
+    benchRefuses "--disk $disk: not one of rotating, memory" --disk "$disk"
 done
 for number in 0 -1 5x x "" 99999999999; do
     benchRefuses "--rounds $number: not a number above 0" --rounds "$number"

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "memoryDisk.h"
+#include "rotatingDisk.h"
 #include "samples.h"
-#include "slowDisk.h"
 #include "tests/support/agent.h"
 #include "vm/host/blockServer.h"
 #include "vm/host/guest.h"
@@ -25,7 +25,7 @@ struct MachineOptions {
     std::string benchGuest;
     std::string scheduler; // of the disks' requests, as the kernel names it
     unsigned processors = 1;
-    double serviceTime = 0; // of each request to a disk, in milliseconds
+    bool rotating = false; // whether the disks have moving heads
 };
 
 // A device of the guest that transfers go to, and where on it.
@@ -52,8 +52,8 @@ struct Measured {
 };
 
 /*
- * The disks lie in the host's memory. Where a request is to take time, they are served by this
- * program and one request after the other; otherwise by the emulator, as fast as it can.
+ * The disks lie in the host's memory. Rotating ones are served by this program, which takes the
+ * time that they would; others by the emulator, as fast as it can.
  *
  * The first disk has three partitions: one with a file system on its first part, which is mounted,
  * and behind it an area that the file system does not know; one of that area's size; and one for
@@ -71,10 +71,10 @@ public:
     // guest does if it fails.
     void end();
 
-    // Whether the disks' requests take time.
-    bool isSlow() const { return serviceTime_ != SlowDisk::Time::zero(); }
-    // What the first disk's requests have really taken, in milliseconds; empty if they take none.
-    Samples served() const;
+    bool isRotating() const { return !servers_.empty(); }
+    // How much longer than they should the first disk's requests have taken, in milliseconds; of a
+    // rotating disk.
+    Samples delays() const { return servers_.front()->disk.delays(); }
 
     Guest &guest() { return *guest_; }
     Worker &worker() { return *worker_; }
@@ -89,7 +89,7 @@ public:
     void load();
     void unload();
 
-    // Runs the program that measures.
+    // Runs the program that measures. Throws if the guest's clock does not go as the host's does.
     Measured measure(const std::vector<std::string> &arguments);
     // Of `requests` of `bytes` in an area, the same so many times over; seed 0 is one after the
     // other, any other at random.
@@ -108,22 +108,32 @@ private:
     std::string addNode(const std::string &disk, unsigned partition, kernel_dev_t *number);
     void mount(Volume volume, const std::string &node);
     // How the emulator gets at the disk.
-    std::string drive(MemoryDisk &disk);
+    std::string drive(MemoryDisk &disk, bool rotating);
+    // Makes the system call, which gives a time; in seconds.
+    double askClock(long call);
 
-    struct SlowServer {
-        SlowServer(MemoryDisk &memory, SlowDisk::Time time, const std::string &socket)
-            : disk(memory, time), server(disk, socket)
+    // The guest's clock, in seconds, at some time between two of the host's.
+    struct ClockReading {
+        std::chrono::steady_clock::time_point before;
+        double guest = 0;
+        std::chrono::steady_clock::time_point after;
+    };
+    ClockReading readClock();
+    static void checkClock(const ClockReading &begin, const ClockReading &end);
+
+    struct RotatingServer {
+        RotatingServer(MemoryDisk &memory, const std::string &socket)
+            : disk(memory), server(disk, socket)
         {
         }
-        SlowDisk disk;
+        RotatingDisk disk;
         BlockServer server;
     };
 
-    const SlowDisk::Time serviceTime_;
     std::uint32_t moduleBytes_ = 0;
     std::vector<MemoryDisk> disks_;
     // Each serves until the emulator has ended.
-    std::vector<std::unique_ptr<SlowServer>> servers_;
+    std::vector<std::unique_ptr<RotatingServer>> servers_;
     std::unique_ptr<Guest> guest_;
     std::unique_ptr<Worker> worker_;
     kernel_dev_t devices_[3] = {};

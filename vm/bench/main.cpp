@@ -24,9 +24,8 @@ struct Options {
     vm::MachineOptions machine;
     std::string folder;
     unsigned rounds = 7;
-    // Of the disks that are measured on, in milliseconds a request: one with moving heads, and one
-    // that takes no time.
-    std::vector<double> serviceTimes = {8, 0};
+    // Of each disk to measure on, whether it is a rotating one; the other takes no time.
+    std::vector<bool> disks = {true, false};
 };
 
 [[noreturn]] void usage()
@@ -34,7 +33,7 @@ struct Options {
     std::cerr << "usage: vm_bench --kernel FILE --module FILE --guest FILE --bench-guest FILE\n"
                  "                --folder FOLDER [--kernel-modules FOLDER] [--rounds N]\n"
                  "                [--scheduler NAME] [--processors 1|2]\n"
-                 "                [--service-time MILLISECONDS]\n";
+                 "                [--disk rotating|memory]\n";
     std::exit(2);
 }
 
@@ -54,17 +53,11 @@ unsigned positiveNumber(const std::string &option, const std::string &text)
     return number;
 }
 
-// With a much slower disk the guest would seem dead.
-double serviceTime(const std::string &text)
+bool isRotating(const std::string &disk)
 {
-    constexpr double most = 100;
-    double time = 0;
-    const char *end = text.data() + text.size();
-    auto [last, error] = std::from_chars(text.data(), end, time, std::chars_format::fixed);
-    if (error != std::errc() || last != end || !(time >= 0 && time <= most))
-        refuse("--service-time " + text +
-               vm::format(": not a number of milliseconds up to %g", most));
-    return time;
+    if (disk != "rotating" && disk != "memory")
+        refuse("--disk " + disk + ": not one of rotating, memory");
+    return disk == "rotating";
 }
 
 Options parse(int count, char **arguments)
@@ -78,7 +71,7 @@ Options parse(int count, char **arguments)
                             {"rounds", required_argument, nullptr, 'r'},
                             {"scheduler", required_argument, nullptr, 's'},
                             {"processors", required_argument, nullptr, 'p'},
-                            {"service-time", required_argument, nullptr, 't'},
+                            {"disk", required_argument, nullptr, 'd'},
                             {}};
     Options options;
     options.machine.scheduler = "deadline";
@@ -97,8 +90,8 @@ Options parse(int count, char **arguments)
             options.machine.kernelModules = std::filesystem::absolute(optarg);
         else if (found == 'p')
             options.machine.processors = positiveNumber("processors", optarg);
-        else if (found == 't')
-            options.serviceTimes = {serviceTime(optarg)};
+        else if (found == 'd')
+            options.disks = {isRotating(optarg)};
         else if (paths.count(found) != 0)
             *paths[found] = std::filesystem::absolute(optarg);
         else
@@ -119,11 +112,10 @@ void print(const vm::Goals &goals, const vm::FreezeTimes &freezes, bool judged)
     std::printf("\nRatios in each round: medians (quartiles)%s\n", judged ? ", and the goals" : "");
     std::printf("%-50s %-22s %-22s\n", "", "by rate", "by processor time");
     for (const vm::Goal &goal : goals) {
-        std::string aim = goal.least == 0 ? "" : vm::format("%.2f", goal.least);
         std::printf("%-50s %-22s %-22s", goal.what.c_str(), vm::withSpread(goal.byRate, 2).c_str(),
                     vm::withSpread(goal.byWork, 2).c_str());
-        if (judged)
-            std::printf(" %4s: %s", aim.c_str(), vm::verdict(goal));
+        if (judged && goal.least != 0)
+            std::printf(" %.2f: %s", goal.least, vm::verdict(goal));
         std::printf("\n");
     }
     std::printf("%-50s %-22s to %-25s %s\n", "time frozen, ms, 1 GiB to 64 GiB: no growth",
@@ -139,23 +131,13 @@ double loadAverage()
     return load;
 }
 
-void describe(const vm::Samples &served)
-{
-    if (!served.empty())
-        std::printf("The disk's %zu requests took %.3f ms (quartiles %.3f to %.3f, 99 %% %.3f).\n",
-                    served.size(), vm::median(served), vm::quantile(served, 0.25),
-                    vm::quantile(served, 0.75), vm::quantile(served, 0.99));
-}
-
 void measureAll(const vm::MachineOptions &options, unsigned rounds)
 {
     vm::Machine machine(options);
     std::printf("\n");
-    if (machine.isSlow())
-        std::printf("A disk that takes %g ms for each request, one after the other.\n",
-                    options.serviceTime);
-    else
-        std::printf("A disk in the host's memory, which takes no time.\n");
+    std::printf(machine.isRotating()
+                    ? "A rotating disk of 7,200 turns a minute, without a write cache.\n"
+                    : "A disk in the host's memory, which takes no time.\n");
     std::printf(
         "Each of %u rounds measures all lines of a table; numbers are medians (quartiles).\n"
         "Guest: processors %u, scheduler %s, virtio disks. Latencies and the host's processor\n"
@@ -169,8 +151,12 @@ void measureAll(const vm::MachineOptions &options, unsigned rounds)
         goals.push_back(std::move(goal));
     vm::FreezeTimes freezes = vm::measureFreezes(machine, rounds);
     machine.end();
-    print(goals, freezes, machine.isSlow());
-    describe(machine.served());
+    print(goals, freezes, machine.isRotating());
+    if (machine.isRotating()) {
+        vm::Samples delays = machine.delays();
+        std::printf("The disk's %zu requests took %.3f ms longer than they should (99 %%: %.3f).\n",
+                    delays.size(), vm::median(delays), vm::quantile(delays, 0.99));
+    }
     std::printf("The host's load average: %.1f.\n", loadAverage());
     std::fflush(stdout);
 }
@@ -183,8 +169,8 @@ int main(int count, char **arguments)
     try {
         std::filesystem::create_directories(options.folder);
         std::filesystem::current_path(options.folder);
-        for (double serviceTime : options.serviceTimes) {
-            options.machine.serviceTime = serviceTime;
+        for (bool rotating : options.disks) {
+            options.machine.rotating = rotating;
             measureAll(options.machine, options.rounds);
         }
         return 0;

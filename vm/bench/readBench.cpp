@@ -53,7 +53,7 @@ Goals measureReads(Machine &machine, unsigned rounds)
             mebi);
         machine.unload();
         add(again, readPlain(mebi, requests), mebi);
-        add(small, readPlain(blockBytes, machine.isSlow() ? slowRequests : smallRequests),
+        add(small, readPlain(blockBytes, machine.isRotating() ? slowRequests : smallRequests),
             blockBytes);
     }
     std::printf("\nReads, one after the other\n");

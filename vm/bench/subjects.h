@@ -14,7 +14,7 @@ struct Goal {
     std::string what;
     Samples byRate; // the ratios of each round: of requests a second, and
     Samples byWork; // of requests that the same processor time is enough for
-    double least;   // that the median of the former has to reach
+    double least;   // that the median of the former has to reach; 0 where there is no goal
 };
 using Goals = std::vector<Goal>;
 

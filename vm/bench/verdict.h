@@ -6,7 +6,8 @@
 namespace vm
 {
 
-// By rate. Where the quartiles lie on both sides of the goal, the rounds differ too much to tell.
+// By rate, of a goal that has a least ratio. Where the quartiles lie on both sides of the goal, the
+// rounds differ too much to tell.
 const char *verdict(const Goal &goal);
 // That the large file system is frozen for no longer than the small one, but for a tick of the
 // clock.
