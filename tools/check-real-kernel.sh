@@ -66,6 +66,7 @@ debian)
     VM_FOLDER=$work/vm-virtio tools/vm.sh "" "$work/debian/zelmod.ko" --disk virtio --cycles 2 \
         "${virtioScenarios[@]}" || failed=1
     wait $! || failed=1
+    trap - EXIT
     cat "$work/ide.log"
     exit $failed
     ;;
