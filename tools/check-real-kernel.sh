@@ -16,10 +16,10 @@ work=$PWD/build/real-kernel
 scenarios=(EnvironmentMissesLostWrites FullAndIncrementalChain UnloadWithSessionsOpen ZelsendChain
     Contract)
 # By disk; one is as good as the other for what a disk's driver does not see.
-ideScenarios=(BlockSizesOnPartitionsAtAnySector Contract EnvironmentGoesOnWithoutTranslations
-    FullAndIncrementalChain RefusesAPartitionOfAnotherNumber WriteStormWithCloseInTheMiddle)
-virtioScenarios=(BackupOfASuspendedMappedDevice CacheOverflow Contract RefusesAZonedDisk ZelsendChain
-    SoakOf2CyclesInLittleMemory)
+ideScenarios=(BlockSizesOnPartitionsAtAnySector CacheOverflow Contract
+    EnvironmentGoesOnWithoutTranslations FullAndIncrementalChain RefusesAPartitionOfAnotherNumber
+    RefusesAZonedDisk WriteStormWithCloseInTheMiddle)
+virtioScenarios=(BackupOfASuspendedMappedDevice Contract ZelsendChain SoakOf2CyclesInLittleMemory)
 
 skip()
 {
